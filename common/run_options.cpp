@@ -1,0 +1,3 @@
+#include "common/run_options.h"
+
+RunOptions run_options;

@@ -1,0 +1,322 @@
+#pragma once
+
+#include <cstdint>
+#include <exception>
+#include <list>
+#include <memory>
+#include <string>
+#include <string_view>
+
+// The XML tree of the program: what it reads from and writes to registry exports, connections files
+// and session files. It accepts a small dialect (element text before the first child, numeric
+// character references and CDATA are not part of it) and throws NTiXmlException on anything else.
+//
+// A node owns its attributes and children; deleting a document deletes the whole tree. Pointers
+// from lookups are borrowed and end with the node they point to. No operation recurses, so the
+// depth of a document costs no stack.
+
+// The base of the errors of the XML model. what() is the standard library's generic text: callers
+// report Message().
+class TException : public std::exception {
+public:
+    // Copies the message. A null `file` ends the process with exit status -1.
+    TException(const char* file, int line, const std::string& message);
+
+    virtual const char* Message() const { return message_.c_str(); }
+    const char* File() const { return file_.c_str(); }
+    int Line() const { return line_; }
+
+    // The class name of the exception that was made last: "TException" until there is one.
+    static const std::string& LastClass() { return last_class_; }
+
+protected:
+    static std::string last_class_;
+
+private:
+    std::string message_;
+    std::string file_;
+    std::int32_t line_;
+};
+
+// A document that cannot be parsed or loaded.
+class NTiXmlException : public TException {
+public:
+    NTiXmlException(const char* file, int line, const std::string& message,
+                    const std::string& remainder);
+
+    // The input from the start of the construct that failed; empty for file errors and "No
+    // content".
+    virtual const char* Remainder() const { return remainder_.c_str(); }
+
+private:
+    std::string remainder_;
+};
+
+// The growing text that nodes print into.
+class NTiXmlOutBuffer {
+public:
+    NTiXmlOutBuffer() = default;
+    NTiXmlOutBuffer(const NTiXmlOutBuffer&) = delete;
+    NTiXmlOutBuffer& operator=(const NTiXmlOutBuffer&) = delete;
+
+    // Reserves the size of `text` and appends it up to its first NUL. Throws std::length_error when
+    // the reserved count would pass 32 bits: a text of 4 GiB or more is not printed.
+    void Append(std::string_view text);
+    // Appends `count` blanks; throws as Append does.
+    void AppendBlanks(std::size_t count);
+
+    // NUL-terminated; null until the first append. Valid until the next append.
+    const char* Text() const { return text_.get(); }
+    // Bytes in Text() before its NUL.
+    std::size_t TextSize() const { return end_; }
+    // The count that has been reserved so far.
+    std::uint32_t Length() const { return length_; }
+    // Length() + 1024 as it was when Length() last reached the capacity.
+    std::uint32_t Capacity() const { return capacity_; }
+
+private:
+    char* Reserve(std::size_t count);
+    void Grow();
+
+    struct Freer {
+        void operator()(char* text) const;
+    };
+    std::unique_ptr<char[], Freer> text_;
+    std::uint32_t length_ = 0;
+    std::uint32_t capacity_ = 0;
+    std::size_t end_ = 0;        // where the next append goes
+    std::size_t allocated_ = 0;  // bytes behind text_: at least the capacity, growing by doubling
+};
+
+class NTiXmlBase {
+public:
+    NTiXmlBase() = default;
+    NTiXmlBase(const NTiXmlBase&) = delete;
+    NTiXmlBase& operator=(const NTiXmlBase&) = delete;
+    virtual ~NTiXmlBase() = default;
+
+    // Consumes one construct that starts at `p` (NUL-terminated, not null) and returns the position
+    // behind it. Throws NTiXmlException on malformed input. A declaration that the text cuts off
+    // returns null.
+    virtual const char* Parse(const char* p) = 0;
+};
+
+// Name and value, both as decoded text.
+class NTiXmlAttribute : public NTiXmlBase {
+public:
+    NTiXmlAttribute() = default;
+    NTiXmlAttribute(const std::string& name, const std::string& value)
+        : name_(name), value_(value) {}
+
+    // `p` may be null here; it then throws with the failure text "null point".
+    const char* Parse(const char* p) override;
+
+    const std::string& Name() const { return name_; }
+    const std::string& Value() const { return value_; }
+
+private:
+    std::string name_;
+    std::string value_;
+};
+
+enum class NTiXmlNodeType : std::int32_t {
+    kDoc = 0,
+    kElement = 1,
+    kComment = 2,
+    kDeclaration = 3,
+    kExtra = 4,
+};
+
+class NTiXmlNode : public NTiXmlBase {
+public:
+    explicit NTiXmlNode(NTiXmlNodeType type) : type_(type) {}
+
+    // Appends this node and all below it to `out`, indented by `depth` steps of two blanks.
+    virtual void Print(NTiXmlOutBuffer& out, int depth) const = 0;
+
+    NTiXmlNodeType Type() const { return type_; }
+
+    // An element's text content, a comment's or extra's text, a declaration's version, a document's
+    // source text.
+    std::string& Text() { return text_; }
+    const std::string& Text() const { return text_; }
+
+    // The first attribute with exactly that name, or null; null also for a null name.
+    NTiXmlAttribute* FindAttribute(const char* name) const;
+    // The value of that attribute, or null.
+    const std::string* AttributeValue(const char* name) const;
+    const std::string* AttributeValue(const std::string& name) const;
+    // Null outside 0 .. number of attributes - 1; every valid index gives the first attribute,
+    // which is what callers have always been given.
+    NTiXmlAttribute* AttributeAt(int index) const;
+
+    // Appends an attribute, also where one of that name exists. Returns it, borrowed.
+    NTiXmlAttribute* AddAttribute(const std::string& name, const std::string& value);
+    // Appends copies of all attributes to `target`; nothing when it is null.
+    void CopyAttributesTo(NTiXmlNode* target) const;
+
+protected:
+    using AttributeList = std::list<NTiXmlAttribute>;
+    AttributeList& Attributes() { return attributes_; }
+    const AttributeList& Attributes() const { return attributes_; }
+
+private:
+    AttributeList attributes_;  // in the order of insertion
+    NTiXmlNodeType type_;
+    std::string text_;
+};
+
+using NTiXmlNodeList = std::list<std::unique_ptr<NTiXmlNode>>;
+
+class NTiXmlDeclaration : public NTiXmlNode {
+public:
+    NTiXmlDeclaration() : NTiXmlNode(NTiXmlNodeType::kDeclaration) {}
+    const char* Parse(const char* p) override;
+    void Print(NTiXmlOutBuffer& out, int depth) const override;
+
+    const std::string& Version() const { return Text(); }
+    const std::string& Encoding() const { return encoding_; }
+    const std::string& Standalone() const { return standalone_; }
+
+private:
+    std::string* Field(const char* p);
+
+    std::string encoding_;
+    std::string standalone_;
+};
+
+class NTiXmlComment : public NTiXmlNode {
+public:
+    NTiXmlComment() : NTiXmlNode(NTiXmlNodeType::kComment) {}
+    const char* Parse(const char* p) override;
+    void Print(NTiXmlOutBuffer& out, int depth) const override;
+};
+
+// Any other markup that starts with "<", a document type declaration for one. Its text is what
+// stands between "<" and the first ">".
+class NTiXmlExtra : public NTiXmlNode {
+public:
+    NTiXmlExtra() : NTiXmlNode(NTiXmlNodeType::kExtra) {}
+    const char* Parse(const char* p) override;
+    void Print(NTiXmlOutBuffer& out, int depth) const override;
+};
+
+class NTiXmlElementCursor;
+
+class NTiXmlElement : public NTiXmlNode {
+public:
+    // Elements may be nested this deep; a deeper one is an "Element Parse error". Printing indents
+    // by depth, so an unbounded depth would let a short document print to gigabytes.
+    static constexpr std::size_t kMaxDepth = 10000;
+
+    NTiXmlElement() : NTiXmlNode(NTiXmlNodeType::kElement) {}
+    ~NTiXmlElement() override;
+
+    const char* Parse(const char* p) override;
+    void Print(NTiXmlOutBuffer& out, int depth) const override;
+
+    std::string& Name() { return name_; }
+    const std::string& Name() const { return name_; }
+    const NTiXmlNodeList& Children() const { return children_; }
+
+    // The index-th (from 0) direct child element of that name; null when name is null, index
+    // negative or there are not enough. Costs a walk from the first child: to visit many, use
+    // NTiXmlElementCursor.
+    NTiXmlElement* ChildElement(const char* name, int index) const;
+    NTiXmlElement* ChildElement(const std::string& name, int index) const;
+    // The index-th direct child element of any name, or null.
+    NTiXmlElement* ChildElementAt(int index) const;
+
+    // Appends an element with that name and text. Neither is checked. Returns it, borrowed.
+    NTiXmlElement* AddChildElement(const std::string& name, const std::string& text);
+    // Appends `child`, which must not be null nor owned by anyone: from now on this element owns
+    // it.
+    void AppendChild(NTiXmlNode* child);
+    // Deletes that very child with all below it. False, and nothing changes, when it is no direct
+    // child element of this element.
+    bool RemoveChildElement(NTiXmlNode* child);
+    // Deletes the child that `cursor`, a cursor over this element, stands on, and moves the cursor
+    // on.
+    void RemoveChildElement(NTiXmlElementCursor& cursor);
+
+private:
+    friend class NTiXmlContentParser;
+    const char* ParseStartTag(const char* p, bool& has_content);
+    bool PrintStartTag(NTiXmlOutBuffer& out, int depth) const;
+    void PrintEndTag(NTiXmlOutBuffer& out, int depth) const;
+
+    std::string name_;
+    NTiXmlNodeList children_;
+};
+
+// Walks the direct child elements of one name in document order, each step from where it stands.
+//
+//   for (NTiXmlElementCursor dir(*conns, "NodeDir"); dir; dir.Next()) use(*dir);
+//
+// It borrows the parent and the name, and stays valid while children are appended, or removed
+// through it.
+class NTiXmlElementCursor {
+public:
+    NTiXmlElementCursor(const NTiXmlElement& parent, const char* name);
+
+    explicit operator bool() const { return at_ != children_->end(); }
+    NTiXmlElement* Get() const;  // null at the end
+    NTiXmlElement& operator*() const { return *Get(); }
+    NTiXmlElement* operator->() const { return Get(); }
+    void Next();
+
+private:
+    friend class NTiXmlElement;
+    void SkipOthers();
+
+    const NTiXmlNodeList* children_;
+    NTiXmlNodeList::const_iterator at_;
+    std::string_view name_;
+};
+
+class NTiXmlDoc : public NTiXmlNode {
+public:
+    // `source` is the text itself, or with is_file the name of the file that is read at once.
+    // Throws NTiXmlException "Invalid file name:NAME" when that file cannot be opened or read.
+    // Nothing is parsed yet.
+    NTiXmlDoc(const std::string& source, bool is_file);
+
+    // Parses `text`, or with null the text of the constructor, and appends the top-level nodes.
+    // Nodes that stood before a failure stay.
+    const char* Parse(const char* text) override;
+    void Print(NTiXmlOutBuffer& out, int depth) const override;
+
+    // The first top-level element, or null.
+    NTiXmlElement* RootElement() const;
+    const NTiXmlNodeList& Children() const { return children_; }
+
+private:
+    void ReadFile(const std::string& name);
+
+    NTiXmlNodeList children_;
+};
+
+// The node printed at depth 0.
+std::string ToString(const NTiXmlNode& node);
+
+// The five characters that stand as entities in text and attribute values.
+struct NTiXmlEntity {
+    std::string_view text;  // with "&" and ";"
+    char character;
+};
+inline constexpr NTiXmlEntity kNTiXmlEntities[] = {
+    {"&amp;", '&'}, {"&lt;", '<'}, {"&gt;", '>'}, {"&quot;", '"'}, {"&apos;", '\''},
+};
+
+// Reading steps that the node kinds share. Positions are NUL-terminated text.
+
+// White space is what isspace takes in the C locale.
+const char* SkipWhite(const char* p);
+// True when the text at p begins with tag.
+bool StringEqual(const char* p, std::string_view tag, bool ignore_case);
+// The position behind the name, or null when no name starts at p. It is the terminating NUL when
+// the text ends inside the name.
+const char* ReadName(const char* p, std::string& name);
+// The position behind end_tag, or null when the text ends or holds "<" or ">" before it. `out` gets
+// the text with white space condensed and entities decoded.
+const char* ReadText(const char* p, std::string& out, std::string_view end_tag);
