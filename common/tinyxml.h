@@ -156,7 +156,7 @@ public:
     void CopyAttributesTo(NTiXmlNode* target) const;
 
 protected:
-    using AttributeList = std::list<NTiXmlAttribute>;
+    using AttributeList = std::list<std::unique_ptr<NTiXmlAttribute>>;
     AttributeList& Attributes() { return attributes_; }
     const AttributeList& Attributes() const { return attributes_; }
 

@@ -1,0 +1,83 @@
+#include "main/program.h"
+
+#include "common/result_codes.h"
+#include "common/run_options.h"
+#include "main/command_line.h"
+#include "main/dispatch.h"
+
+#include <cstdio>
+
+namespace {
+
+constexpr const char* kLogFile = "corvik.log";
+constexpr const char* kMask = "******";  // user name and password never reach the log
+
+bool open_log() {
+    run_options.log.reset(std::fopen(kLogFile, "wb"));
+    if (!run_options.log) {
+        std::fputs("Failed to open corvik logger file.\n", stderr);
+        return false;
+    }
+    std::fprintf(run_options.log.get(), "%s %s [%s] [%s] %d\r\n", run_options.type.c_str(),
+                 run_options.file.c_str(), kMask, kMask, run_options.remove);
+    // A run that ends abnormally leaves this line behind.
+    std::fflush(run_options.log.get());
+    return true;
+}
+
+void close_log(int result) {
+    std::fprintf(run_options.log.get(), "rc=%d\n", result);
+    run_options.log.reset();
+}
+
+int run_get() {
+    return dispatch_get(run_options.type, run_options.file, run_options.user, run_options.password);
+}
+
+int run_set() {
+    return dispatch_set(run_options.type, run_options.file, run_options.user, run_options.password,
+                        run_options.remove != 0);
+}
+
+int tell_version() {
+    print_version();
+    return kSuccess;
+}
+
+int tell_usage() {
+    print_usage();
+    return kSuccess;
+}
+
+}  // namespace
+
+int run_program(int argc, char* argv[]) {
+    if (!parse_args(argc, argv)) {
+        print_syntax_error();
+        return kSyntaxError;
+    }
+    // Without its log a run is abandoned, deliberately without an error status.
+    if (!open_log()) {
+        return kSuccess;
+    }
+    int result = kSuccess;
+    switch (run_options.mode) {
+        case RunMode::kGet:
+            result = run_get();
+            break;
+        case RunMode::kSet:
+            result = run_set();
+            break;
+        case RunMode::kVersion:
+            result = tell_version();
+            break;
+        case RunMode::kHelp:
+            result = tell_usage();
+            break;
+        default:
+            print_syntax_error();
+            return kSyntaxError;
+    }
+    close_log(result);
+    return result;
+}
