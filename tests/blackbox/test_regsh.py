@@ -758,6 +758,14 @@ def test_a_document_that_is_damaged_or_lacks_a_level_is_refused(
     assert regsh.do("diff") == ""
 
 
+def test_a_document_nested_a_million_deep_is_refused(regsh, tmp_path):
+    depth = 1000000
+    file = written(tmp_path / "a.xml", document('<NodeDir name="x">' * depth + "</NodeDir>" * depth))
+    status, output, errors = regsh("import", file)
+    assert (status, output) == (1, "")
+    assert errors.startswith(f"regsh: {file}:1:") and errors.endswith(": more than 64 levels\n")
+
+
 def test_an_export_cut_anywhere_is_refused_and_stages_nothing(regsh, tmp_path):
     regsh.publish("set", "root/a/k", "a & b")
     file = tmp_path / "a.xml"

@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
+#include <iostream>
 #include <optional>
 #include <string_view>
 
@@ -54,7 +55,7 @@ void print(const std::string& text) {
 }
 
 void complain(const std::string& message) {
-    std::fprintf(stderr, "regsh: %s\n", message.c_str());
+    std::cerr << "regsh: " << message << "\n";
 }
 
 Status complain_missing(const RegistryPath& path) {
@@ -342,7 +343,7 @@ Status run_verb(const Verb& verb, const Words& words) {
 
 Status run(const std::vector<std::string>& words) {
     if (words.empty()) {
-        std::fputs(usage().c_str(), stderr);
+        std::cerr << usage();
         return Status::usage;
     }
     if (words[0] == "--help" || words[0] == "-h") {
@@ -355,7 +356,7 @@ Status run(const std::vector<std::string>& words) {
         }
     }
     complain("unknown verb \"" + words[0] + "\"");
-    std::fputs(usage().c_str(), stderr);
+    std::cerr << usage();
     return Status::usage;
 }
 

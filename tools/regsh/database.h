@@ -26,9 +26,9 @@ public:
     // Steps to the end and makes the statement ready for its next use.
     void run();
 
-    bool is_null(int column) const;
-    std::int64_t number(int column) const;
-    std::string text(int column) const;
+    [[nodiscard]] bool is_null(int column) const;
+    [[nodiscard]] std::int64_t number(int column) const;
+    [[nodiscard]] std::string text(int column) const;
 
 private:
     struct Finalize {
@@ -50,7 +50,7 @@ public:
     // Throws RegistryError when the file cannot be opened, created or understood.
     Database(const std::string& file, Access access);
 
-    Statement prepare(std::string_view sql) const;
+    [[nodiscard]] Statement prepare(std::string_view sql) const;
     void execute(const char* sql) const;
     void commit() const;
 
@@ -62,7 +62,7 @@ private:
 
     static Connection open(const std::string& file, int flags);
     static Connection open_existing(const std::string& file);
-    std::int64_t layout_version() const;
+    [[nodiscard]] std::int64_t layout_version() const;
     void begin_reading(const std::string& file);
     void begin_writing(const std::string& file);
     void check_layout(const std::string& file, std::int64_t version) const;

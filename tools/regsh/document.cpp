@@ -23,7 +23,7 @@ constexpr unsigned int reading_flags =
     pugi::parse_cdata | pugi::parse_escapes | pugi::parse_ws_pcdata_single;
 
 struct CloseFile {
-    void operator()(std::FILE* stream) const { std::fclose(stream); }
+    void operator()(std::FILE* stream) const { static_cast<void>(std::fclose(stream)); }
 };
 using File = std::unique_ptr<std::FILE, CloseFile>;
 
@@ -60,7 +60,7 @@ public:
         }
     }
 
-    pugi::xml_node root() const { return document_.document_element(); }
+    [[nodiscard]] pugi::xml_node root() const { return document_.document_element(); }
 
     [[noreturn]] void refuse(const pugi::xml_node& node, const std::string& why) const {
         refuse_at(node.offset_debug(), why);

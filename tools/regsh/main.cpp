@@ -6,8 +6,8 @@
 
 #include "tools/regsh/commands.h"
 
-#include <cstdio>
 #include <exception>
+#include <iostream>
 #include <string>
 #include <vector>
 
@@ -15,7 +15,7 @@ int main(int argc, char* argv[]) {
     try {
         return static_cast<int>(regsh::run(std::vector<std::string>(argv + 1, argv + argc)));
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "regsh: %s\n", error.what());
+        std::cerr << "regsh: " << error.what() << "\n";
         return static_cast<int>(regsh::Status::failure);
     }
 }
