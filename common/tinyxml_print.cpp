@@ -20,15 +20,18 @@ std::string_view entity_text(char c) {
     return entity->text;
 }
 
-// Appends `text` with the entities' characters replaced, the stretches between them in one piece.
+// Appends `text` with the entities' characters replaced, the stretches between them in one piece. A
+// NUL ends the text, not only the stretch that it stands in; what is behind it is only counted.
 void append_escaped(NTiXmlOutBuffer& out, std::string_view text) {
+    const std::size_t end = std::min(text.find('\0'), text.size());
     std::size_t start = 0;
     for (;;) {
-        const std::size_t at = text.find_first_of("&<>\"'", start);
-        out.Append(text.substr(start, at - start));
-        if (at == std::string_view::npos) {
+        const std::size_t at = std::min(text.find_first_of("&<>\"'", start), end);
+        if (at == end) {
+            out.Append(text.substr(start));
             return;
         }
+        out.Append(text.substr(start, at - start));
         out.Append(entity_text(text[at]));
         start = at + 1;
     }
