@@ -295,12 +295,12 @@ def test_help_tells_every_verb_and_the_store(regsh, word):
 # The store
 
 
-@pytest.mark.parametrize("words", [("get", "root/a"), ("contains", "root/a"),
-                                   ("export", "root/a", "out.xml")])
-def test_reading_without_a_store_finds_nothing_and_creates_nothing(tmp_path, words):
+@pytest.mark.parametrize("verb", ["get", "contains", "export", "tree"])
+def test_reading_without_a_store_finds_nothing_and_creates_nothing(tmp_path, verb):
     regsh = Client(tmp_path / "folder" / "registry.db")
-    assert regsh(*words)[0] == 1
-    assert not regsh.store.parent.exists()
+    words = [str(tmp_path / "out.xml")] if verb == "export" else []
+    assert regsh(verb, "root/a", *words)[:2] == (1, "")
+    assert os.listdir(tmp_path) == []
 
 
 def test_the_first_write_creates_the_store_and_its_folders(tmp_path):
