@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <cstdlib>
 #include <string>
 #include <string_view>
 
@@ -16,21 +17,21 @@ namespace {
 
 // What the command and the scripts around it may call.
 constexpr std::array system_programs = {
-    "/bin/sh",          "/bin/bash",          "/bin/cat",      "/bin/chmod",
-    "/bin/cp",          "/bin/date",          "/bin/dd",       "/bin/echo",
-    "/bin/false",       "/bin/grep",          "/bin/kill",     "/bin/ln",
-    "/bin/ls",          "/bin/mkdir",         "/bin/mktemp",   "/bin/mv",
-    "/bin/pwd",         "/bin/readlink",      "/bin/rm",       "/bin/rmdir",
-    "/bin/sed",         "/bin/sleep",         "/bin/tar",      "/bin/touch",
-    "/bin/true",        "/bin/uname",         "/usr/bin/[",    "/usr/bin/basename",
-    "/usr/bin/cmp",     "/usr/bin/cut",       "/usr/bin/diff", "/usr/bin/dirname",
-    "/usr/bin/dpkg",    "/usr/bin/dpkg-deb",  "/usr/bin/env",  "/usr/bin/expr",
-    "/usr/bin/find",    "/usr/bin/head",      "/usr/bin/id",   "/usr/bin/od",
-    "/usr/bin/printf",  "/usr/bin/seq",       "/usr/bin/sort", "/usr/bin/stat",
-    "/usr/bin/tail",    "/usr/bin/tee",       "/usr/bin/test", "/usr/bin/timeout",
-    "/usr/bin/tr",      "/usr/bin/uniq",      "/usr/bin/wc",   "/usr/bin/xargs",
-    "/usr/bin/yes",     "/usr/bin/dbus-send", "/sbin/fslock",  "/sbin/fsunlock",
-    "/usr/sbin/fslock",
+    "/bin/sh",          "/bin/bash",           "/bin/cat",       "/bin/chmod",
+    "/bin/cp",          "/bin/date",           "/bin/dd",        "/bin/echo",
+    "/bin/false",       "/bin/grep",           "/bin/kill",      "/bin/ln",
+    "/bin/ls",          "/bin/mkdir",          "/bin/mktemp",    "/bin/mv",
+    "/bin/pwd",         "/bin/readlink",       "/bin/rm",        "/bin/rmdir",
+    "/bin/sed",         "/bin/sleep",          "/bin/tar",       "/bin/touch",
+    "/bin/true",        "/bin/uname",          "/usr/bin/[",     "/usr/bin/basename",
+    "/usr/bin/cmp",     "/usr/bin/cut",        "/usr/bin/diff",  "/usr/bin/dirname",
+    "/usr/bin/dpkg",    "/usr/bin/dpkg-deb",   "/usr/bin/env",   "/usr/bin/expr",
+    "/usr/bin/find",    "/usr/bin/head",       "/usr/bin/id",    "/usr/bin/od",
+    "/usr/bin/printf",  "/usr/bin/seq",        "/usr/bin/sort",  "/usr/bin/stat",
+    "/usr/bin/tail",    "/usr/bin/tee",        "/usr/bin/test",  "/usr/bin/timeout",
+    "/usr/bin/tr",      "/usr/bin/uniq",       "/usr/bin/wc",    "/usr/bin/xargs",
+    "/usr/bin/yes",     "/usr/bin/dbus-send",  "/sbin/fslock",   "/sbin/fsunlock",
+    "/usr/sbin/fslock", "/usr/bin/dpkg-split", "/sbin/ldconfig", "/sbin/start-stop-daemon",
 };
 
 constexpr std::array own_programs = {"corvik", "regsh"};
@@ -48,6 +49,14 @@ constexpr std::array device_nodes = {
     DeviceNode{"/dev/full", 1, 7},    DeviceNode{"/dev/random", 1, 8},
     DeviceNode{"/dev/urandom", 1, 9}, DeviceNode{"/dev/tty", 5, 0},
 };
+
+#if defined(__SANITIZE_ADDRESS__)
+constexpr bool is_sanitized = true;
+#elif defined(__has_feature)
+constexpr bool is_sanitized = __has_feature(address_sanitizer);
+#else
+constexpr bool is_sanitized = false;
+#endif
 
 [[noreturn]] void fail(const std::string& subject) {
     throw WayFailure(errno_text(subject));
@@ -112,6 +121,23 @@ void add_device_nodes(const ProgramTree& tree) {
     link_inside(tree.place_of("/dev/stderr"), tree.place_of("/proc/self/fd/2"));
 }
 
+// Sanitized programs look up their name and their options in /proc, and their leak check needs a
+// true one, which cannot be had here: they get a few files, and no leak check.
+void make_fit_for_sanitizers(ProgramTree& tree) {
+    std::string settings;
+    for (const char* name : {"ASAN_OPTIONS", "UBSAN_OPTIONS"}) {
+        const char* given = std::getenv(name);
+        settings += name;
+        settings += "=";
+        settings += given == nullptr ? "" : given;
+        settings += ":detect_leaks=0";
+        settings += '\0';
+    }
+    tree.add_folder("/proc/self");
+    write_file(tree.place_of("/proc/self/environ"), settings);
+    link_inside(tree.place_of("/proc/self/exe"), tree.place_of("/bin/sh"));
+}
+
 void add_programs(ProgramTree& tree, const Luggage& luggage) {
     for (const char* program : system_programs) {
         tree.add_program(program);
@@ -143,6 +169,9 @@ void enter_chroot(const Luggage& luggage) {
     }
     add_programs(tree, luggage);
     add_device_nodes(tree);
+    if (is_sanitized) {
+        make_fit_for_sanitizers(tree);
+    }
     if (chroot(luggage.device.root().c_str()) != 0 || chdir("/") != 0) {
         fail("chroot");
     }

@@ -181,14 +181,11 @@ Rule note_call(const std::filesystem::path& folder, const Words& words) {
     return rule;
 }
 
-[[noreturn]] void end(const Rule& rule) {
-    if (rule.signal != 0) {
-        const rlimit no_core = {0, 0};
-        setrlimit(RLIMIT_CORE, &no_core);
-        std::signal(rule.signal, SIG_DFL);
-        raise(rule.signal);
-    }
-    std::exit(rule.status);
+void end_by_signal(int signal) {
+    const rlimit no_core = {0, 0};
+    setrlimit(RLIMIT_CORE, &no_core);
+    std::signal(signal, SIG_DFL);
+    raise(signal);
 }
 
 void answer(const std::filesystem::path& folder, const Rule& rule, const Words& words) {
@@ -213,7 +210,10 @@ int main(int argc, char** argv) {
         const Words words(argv, argv + argc);
         const Rule rule = note_call(folder, words);
         answer(folder, rule, words);
-        end(rule);
+        if (rule.signal != 0) {
+            end_by_signal(rule.signal);
+        }
+        return rule.status;
     } catch (const std::exception& failure) {
         std::cerr << "regsh-recorder: " << failure.what() << "\n";
         return out_of_order;
