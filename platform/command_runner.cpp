@@ -1,0 +1,210 @@
+#include "platform/command_runner.h"
+
+#include "common/string_tokens.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <utility>
+
+namespace {
+
+constexpr std::size_t kLineSize = 1024;
+constexpr int kFirstLineSize = 1023;
+constexpr std::size_t kShellCommandSize = 4096;
+constexpr std::size_t kShellCommandLimit = 4094;
+constexpr int kCommandNotRun = 127;  // the shell's own status for a command that cannot be run
+
+using ShellCommand = std::array<char, kShellCommandSize>;
+
+__attribute__((format(printf, 1, 0))) ShellCommand format_shell_command(const char* format,
+                                                                        std::va_list arguments) {
+    ShellCommand command{};
+    static_cast<void>(std::vsnprintf(command.data(), kShellCommandLimit + 1, format, arguments));
+    return command;
+}
+
+// Command streams are closed with fclose, not pclose: nobody asks for the command's status.
+struct CommandCloser {
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmismatched-dealloc"
+#endif
+    void operator()(std::FILE* stream) const {
+        std::fclose(stream);
+    }
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
+};
+using CommandStream = std::unique_ptr<std::FILE, CommandCloser>;
+
+CommandStream open_command(const std::string& command) {
+    return CommandStream(::popen(command.c_str(), "r"));
+}
+
+// In the child: becomes the shell. The parent's stream buffers are not flushed a second time when
+// there is none.
+[[noreturn]] void become_shell(const char* command) {
+    char name[] = "sh";
+    char option[] = "-c";
+    std::array<char*, 4> arguments{name, option, const_cast<char*>(command), nullptr};
+    ::execv("/bin/sh", arguments.data());
+    ::_exit(kCommandNotRun);
+}
+
+// In the child: standard output and standard error become the pipe.
+void redirect_output(int write_end) {
+    if (write_end != STDOUT_FILENO) {
+        ::dup2(write_end, STDOUT_FILENO);
+        ::dup2(write_end, STDERR_FILENO);
+        ::close(write_end);
+    }
+}
+
+bool is_plain(char c) {
+    return std::isalnum(static_cast<unsigned char>(c)) != 0 ||
+           std::strchr("_./:@%+=,-", c) != nullptr;
+}
+
+}  // namespace
+
+bool read_first_line(const std::string& command, std::string& line) {
+    const CommandStream stream = open_command(command);
+    if (!stream) {
+        return false;
+    }
+    std::array<char, kLineSize> buffer{};
+    static_cast<void>(std::fgets(buffer.data(), kFirstLineSize, stream.get()));
+    line = buffer.data();
+    return true;
+}
+
+bool run_command_first_line(const std::string& command, std::string& output) {
+    std::string line;
+    if (!read_first_line(command, line)) {
+        return false;
+    }
+    output = trim_string(line.data(), kTrimBoth);
+    return true;
+}
+
+bool read_all_lines(const std::string& command, std::vector<std::string>& lines) {
+    const CommandStream stream = open_command(command);
+    if (!stream) {
+        return false;
+    }
+    std::vector<std::string> read;
+    std::array<char, kLineSize> buffer{};
+    while (std::fgets(buffer.data(), static_cast<int>(buffer.size()), stream.get()) != nullptr) {
+        read.emplace_back(buffer.data());
+    }
+    lines = std::move(read);
+    return true;
+}
+
+int command_status(const std::string& command) {
+    return std::system(command.c_str());
+}
+
+std::string format_command(std::size_t limit, const char* format, ...) {
+    std::array<char, kCommandLimit + 1> command{};
+    std::va_list arguments;
+    va_start(arguments, format);
+    static_cast<void>(
+        std::vsnprintf(command.data(), std::min(limit, kCommandLimit) + 1, format, arguments));
+    va_end(arguments);
+    return command.data();
+}
+
+std::string shell_word(const std::string& value) {
+    if (std::all_of(value.begin(), value.end(), is_plain)) {
+        return value;
+    }
+    std::string word = "'";
+    for (const char c : value) {
+        if (c == '\'') {
+            word += "'\\''";
+        } else {
+            word += c;
+        }
+    }
+    return word + "'";
+}
+
+int shell_exec(const char* format, ...) {
+    std::va_list arguments;
+    va_start(arguments, format);
+    const ShellCommand command = format_shell_command(format, arguments);
+    va_end(arguments);
+    return shell_exec_raw(command.data());
+}
+
+int shell_exec_raw(const char* command) {
+    if (command == nullptr) {
+        return 1;
+    }
+    const pid_t process = ::fork();
+    if (process == -1) {
+        return -1;
+    }
+    if (process == 0) {
+        become_shell(command);
+    }
+    return shell_wait(process);
+}
+
+int shell_popen(std::FILE*& stream, pid_t& process, const char* format, ...) {
+    std::va_list arguments;
+    va_start(arguments, format);
+    const ShellCommand command = format_shell_command(format, arguments);
+    va_end(arguments);
+    std::array<int, 2> ends{};
+    if (::pipe(ends.data()) != 0) {
+        return 1;
+    }
+    const auto [read_end, write_end] = ends;
+    process = ::fork();
+    if (process == -1) {
+        ::close(read_end);
+        ::close(write_end);
+        return -1;
+    }
+    if (process == 0) {
+        ::close(read_end);
+        redirect_output(write_end);
+        become_shell(command.data());
+    }
+    ::close(write_end);
+    stream = ::fdopen(read_end, "r");
+    if (stream == nullptr) {
+        ::close(read_end);
+        return 1;
+    }
+    return 0;
+}
+
+int shell_wait(pid_t process) {
+    for (;;) {
+        int status = 0;
+        const pid_t waited = ::waitpid(process, &status, 0);
+        if (waited == -1 && errno == EINTR) {
+            continue;
+        }
+        if (waited == -1) {
+            return -1;
+        }
+        // A child that a signal ended is waited for once more, which fails.
+        if (WIFEXITED(status)) {
+            return WEXITSTATUS(status);
+        }
+    }
+}

@@ -1,0 +1,215 @@
+#include "platform/image_id.h"
+
+#include "common/file_handle.h"
+
+#include <strings.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+constexpr const char* kSystemInfo = "/etc/systeminfo";
+constexpr const char* kImageId = "/etc/imageid";
+constexpr std::size_t kTextLength = 8;
+
+constexpr std::array<ImageIDFormat, 4> kFormats{{
+    {'D', 4, 2, 2},
+    {'M', 4, 2, 2},
+    {'T', 6, 3, 3},
+    {'Z', 6, 3, 3},
+}};
+constexpr const ImageIDFormat* kDefaultFormat = &kFormats[2];
+
+struct CodeRow {
+    const char* code;
+    std::int32_t lowest;
+    std::int32_t highest;
+    std::int32_t type;
+};
+constexpr std::array<CodeRow, 18> kCodes{{
+    {"ST", 0, 19, 1},
+    {"ST", 20, 10000, 4},
+    {"JP", 0, 10, 1},
+    {"JP", 11, 10000, 4},
+    {"TH", 0, 4, 1},
+    {"TH", 5, 10000, 4},
+    {"SQ", 0, 10000, 2},
+    {"QU", 0, 10000, 3},
+    {"K2", 0, 10000, 4},
+    {"AR", 0, 10000, 5},
+    {"CL", 0, 10000, 5},
+    {"KR", 0, 10000, 5},
+    {"310", 0, 10000, 5},
+    {"320", 0, 10000, 5},
+    {"321", 0, 10000, 5},
+    {"330", 0, 10000, 5},
+    {"410", 0, 10000, 7},
+    {"400", 0, 10000, 6},
+}};
+
+// The type of an identifier that no code row names.
+struct PrefixRow {
+    char prefix;
+    std::int32_t type;
+};
+constexpr std::array<PrefixRow, 4> kPrefixes{{{'D', 5}, {'M', 5}, {'T', 6}, {'Z', 6}}};
+constexpr std::int32_t kUnknownPrefixType = 5;
+
+// What a version's first character stands for.
+struct VersionRow {
+    char first;
+    std::int32_t type;
+};
+constexpr std::array<VersionRow, 5> kStandardVersions{
+    {{'3', 5}, {'4', 7}, {'5', 8}, {'6', 9}, {'7', 10}}};
+constexpr std::array<VersionRow, 3> kZeroVersions{{{'5', 8}, {'6', 9}, {'7', 10}}};
+constexpr std::int32_t kOldZeroType = 6;
+
+template <std::size_t size>
+const VersionRow* find_version(const std::array<VersionRow, size>& rows,
+                               const std::string& version) {
+    const char first = version.empty() ? '\0' : version.front();
+    const auto* row = std::find_if(rows.begin(), rows.end(),
+                                   [first](const VersionRow& r) { return r.first == first; });
+    return row == rows.end() ? nullptr : row;
+}
+
+bool equal_ignoring_case(const std::string& text, const char* other) {
+    return strcasecmp(text.c_str(), other) == 0;
+}
+
+// The value of KEY="value" in a line that holds the key: behind the place of the opening quote, as
+// long as a line of just key, quotes and line end makes it, whatever stands there.
+std::string line_value(const std::string& line, std::size_t key_position, std::size_t key_length) {
+    constexpr std::size_t framing = 3;  // two quotes and the line end
+    const std::size_t start = key_position + key_length + 1;
+    if (line.size() < key_length + framing || start >= line.size()) {
+        return "";
+    }
+    return line.substr(start, line.size() - key_length - framing);
+}
+
+struct ProductInfo {
+    std::string name;
+    std::string configuration;
+    std::string version;
+};
+
+// Takes the value of the first key that the line holds; a later line overwrites an earlier one.
+void take_line(ProductInfo& product, const std::string& line) {
+    struct Key {
+        const char* text;
+        std::string* value;
+    };
+    const std::array<Key, 3> keys{{{"PRODUCT_NAME=", &product.name},
+                                   {"PRODUCT_CONFIG=", &product.configuration},
+                                   {"PRODUCT_VERSION=", &product.version}}};
+    for (const Key& key : keys) {
+        const std::size_t position = line.find(key.text);
+        if (position != std::string::npos) {
+            *key.value = line_value(line, position, std::strlen(key.text));
+            return;
+        }
+    }
+}
+
+}  // namespace
+
+ImageID::ImageID(const char* text) {
+    const std::size_t length = strnlen(text, kTextLength);
+    if (length < kTextLength) {
+        throw ImageIDException("Invalid Image ID");
+    }
+    std::copy_n(text, kTextLength, text_.begin());
+    cut_up();
+    classify();
+    arch_ = text_[2] == 'a' || text_[2] == 'A' ? 1 : 2;
+}
+
+void ImageID::cut_up() {
+    prefix_[0] = text_[0];
+    const auto* row = std::find_if(kFormats.begin(), kFormats.end(), [this](const auto& format) {
+        return format.prefix == prefix_[0];
+    });
+    format_ = row == kFormats.end() ? kDefaultFormat : row;
+    constexpr int decimal = 10;
+    const char* digits = text_.data() + format_->number_offset;
+    char* end = nullptr;
+    number_ = static_cast<std::int32_t>(std::strtol(digits, &end, decimal));
+    if (end != text_.data() + kTextLength) {
+        number_ = -1;
+    }
+    std::copy_n(text_.data() + format_->code_offset, format_->code_length, code_.begin());
+}
+
+void ImageID::classify() {
+    valid_ = true;
+    if (prefix_[0] == 'Z') {
+        type_ = 6;
+        return;
+    }
+    for (const CodeRow& row : kCodes) {
+        if (std::strcmp(row.code, code()) == 0 && row.lowest <= number_ && number_ <= row.highest) {
+            type_ = row.type;
+            return;
+        }
+    }
+    type_ = kUnknownPrefixType;
+    for (const PrefixRow& row : kPrefixes) {
+        if (row.prefix == prefix_[0]) {
+            type_ = row.type;
+        }
+    }
+}
+
+ImageID ImageID::from_file(const std::string& path) {
+    const FileHandle file(std::fopen(path.c_str(), "r"));
+    std::array<char, 100> text{};
+    if (file) {
+        static_cast<void>(std::fread(text.data(), 1, text.size() - 1, file.get()));
+    }
+    return ImageID(text.data());
+}
+
+ImageID ImageID::from_systeminfo() {
+    ImageID id;
+    const FileHandle file(std::fopen(kSystemInfo, "r"));
+    if (!file) {
+        return id;
+    }
+    ProductInfo product;
+    std::array<char, 1024> line{};
+    while (std::fgets(line.data(), static_cast<int>(line.size()), file.get()) != nullptr) {
+        take_line(product, line.data());
+    }
+    id.arch_ = 2;
+    id.classify_product(product.name, product.configuration, product.version);
+    return id;
+}
+
+void ImageID::classify_product(const std::string& name, const std::string& configuration,
+                               const std::string& version) {
+    if (!equal_ignoring_case(name, "Sylvex")) {
+        return;
+    }
+    if (configuration.empty() || equal_ignoring_case(configuration, "standard")) {
+        code_[0] = 'T';
+        if (const VersionRow* row = find_version(kStandardVersions, version)) {
+            type_ = row->type;
+            valid_ = true;
+        }
+    } else if (equal_ignoring_case(configuration, "zero")) {
+        const VersionRow* row = find_version(kZeroVersions, version);
+        code_[0] = row == nullptr ? 'Z' : 'T';
+        type_ = row == nullptr ? kOldZeroType : row->type;
+        valid_ = true;
+    }
+}
+
+ImageID ImageID::current() {
+    const ImageID id = from_systeminfo();
+    return id.valid() ? id : from_file(kImageId);
+}
