@@ -41,6 +41,7 @@ export_type() {
     echo "  \$ corvik -get $type -f $file"
     on_device corvik -get "$type" -f "$file" 2>&1 | sed 's/^/  /' || status=$?
     [[ $status -eq 0 ]] || fail "corvik -get $type ended with status $status"
+    echo "  (status 0; the line about UUID only says that the list was read to its end)"
     say "$file begins with one Connection for each connection; General carries the rest"
     text=$(<"$device/home/$file")
     show 14 <<<"$text"
@@ -61,6 +62,7 @@ say "A simulated device: an /etc, a /tmp and a registry of its own"
 "$programs/device" --keep "$device" --registry "$samples/standard.xml" \
     --sessions "$samples/tavrin" -- regsh get root/ConnectionType >/dev/null ||
     fail "the device could not be made"
+echo "  The registry's entries of the type RDP, which this build calls freerdp:"
 echo "  \$ regsh tree root/ConnectionType/freerdp"
 on_device regsh tree root/ConnectionType/freerdp | show 16
 
