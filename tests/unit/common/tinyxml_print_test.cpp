@@ -430,6 +430,8 @@ TEST(OutBuffer, MoreThan32BitsOfLengthIsALengthError) {
     out.Append("ab");
     EXPECT_THROW(out.AppendBlanks(std::size_t{1} << 32), std::length_error);
     EXPECT_THROW(out.AppendBlanks((std::size_t{1} << 32) - 2), std::length_error);
+    // The length itself would fit here, but not the capacity behind it.
+    EXPECT_THROW(out.AppendBlanks((std::size_t{1} << 32) - 1025), std::length_error);
     EXPECT_STREQ(out.Text(), "ab");
     EXPECT_EQ(out.Length(), 2U);
     EXPECT_EQ(out.Capacity(), 1026U);
