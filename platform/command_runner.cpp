@@ -7,11 +7,9 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <utility>
 
@@ -39,7 +37,7 @@ struct CommandCloser {
 #pragma GCC diagnostic ignored "-Wmismatched-dealloc"
 #endif
     void operator()(std::FILE* stream) const {
-        std::fclose(stream);
+        static_cast<void>(std::fclose(stream));
     }
 #if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic pop
@@ -70,10 +68,9 @@ void redirect_output(int write_end) {
     }
 }
 
-bool is_plain(char c) {
-    return std::isalnum(static_cast<unsigned char>(c)) != 0 ||
-           std::strchr("_./:@%+=,-", c) != nullptr;
-}
+// Written out, so that neither a locale nor a NUL changes what the shell takes as it is.
+constexpr const char* kPlainCharacters =
+    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_./:@%+=,-";
 
 }  // namespace
 
@@ -83,8 +80,8 @@ bool read_first_line(const std::string& command, std::string& line) {
         return false;
     }
     std::array<char, kLineSize> buffer{};
-    static_cast<void>(std::fgets(buffer.data(), kFirstLineSize, stream.get()));
-    line = buffer.data();
+    const char* got = std::fgets(buffer.data(), kFirstLineSize, stream.get());
+    line = got == nullptr ? "" : got;
     return true;
 }
 
@@ -126,7 +123,7 @@ std::string format_command(std::size_t limit, const char* format, ...) {
 }
 
 std::string shell_word(const std::string& value) {
-    if (std::all_of(value.begin(), value.end(), is_plain)) {
+    if (value.find_first_not_of(kPlainCharacters) == std::string::npos) {
         return value;
     }
     std::string word = "'";

@@ -4,168 +4,126 @@
 #include "platform/image_id.h"
 #include "platform/system_identity.h"
 
-#include <vector>
+#include <algorithm>
 
 namespace {
 
-// A pair of the table. Where `installed` is set, it is the registry name on devices whose registry
-// knows that client, and `registry` the name on all others.
+// One pair. With a name in `otherwise` it depends on what is installed: `registry` is used when the
+// registry has a connection type of that name.
 struct PairRow {
     const char* display;
     const char* registry;
-    const char* installed = nullptr;
+    const char* otherwise = nullptr;
 };
 
+// One slot and where its pairs stand.
 struct SlotRow {
     std::uint32_t lowest_type;
     std::uint32_t highest_type;
-    std::vector<PairRow> pairs;
+    const PairRow* begin;
+    const PairRow* end;
 };
 
-const std::vector<PairRow>& current_pairs() {
-    static const std::vector<PairRow> pairs{
-        {"Custom", "custom"}, {"ICA", "xen"},  {"Firefox", "firefox"},
-        {"RDP", "freerdp"},   {"SSH", "ssh"},  {"Tavrin", "tavrin"},
-        {"Telnet", "telnet"}, {"VDM", "view"}, {"Xdmcp", "xdmcp"},
-    };
-    return pairs;
+constexpr std::array kPairsOf1 = {
+    PairRow{"Custom", "custom"},   PairRow{"ICA", "ica"},
+    PairRow{"Firefox", "firefox"}, PairRow{"Leostream", "leostream"},
+    PairRow{"PNAgent", "pnagent"}, PairRow{"Provision", "provision"},
+    PairRow{"RDP", "rdesktop"},    PairRow{"SSH", "ssh"},
+    PairRow{"Tavrin", "tavrin"},   PairRow{"Telnet", "telnet"},
+    PairRow{"VDM", "vdm"},         PairRow{"Xdmcp", "xdmcp"},
+};
+
+constexpr std::array kPairsOf3To4 = {
+    PairRow{"Custom", "custom"},     PairRow{"ICA", "ica"},
+    PairRow{"Firefox", "iceweasel"}, PairRow{"Leostream", "leostream"},
+    PairRow{"PNAgent", "pnagent"},   PairRow{"Provision", "provision"},
+    PairRow{"RDP", "rdesktop"},      PairRow{"RGS", "rgs"},
+    PairRow{"BNJ", "bnj-client"},    PairRow{"SSH", "ssh"},
+    PairRow{"Tavrin", "tavrin"},     PairRow{"Telnet", "telnet"},
+    PairRow{"VDM", "vdm"},           PairRow{"Xdmcp", "xdmcp"},
+};
+
+constexpr std::array kPairsOf5 = {
+    PairRow{"Custom", "custom"},
+    PairRow{"ICA", "ica"},
+    PairRow{"Firefox", "iceweasel"},
+    PairRow{"Leostream", "leostream"},
+    PairRow{"PNAgent", "pnagent"},
+    PairRow{"RDP", "rdesktop"},
+    PairRow{"RGS", "rgs"},
+    PairRow{"BNJ", "bnj-client"},
+    PairRow{"SSH", "ssh"},
+    PairRow{"Tavrin", "tavrin"},
+    PairRow{"Telnet", "telnet"},
+    PairRow{"VDM", "view"},
+    PairRow{"VWorkspace", "vworkspace"},
+    PairRow{"Xdmcp", "xdmcp"},
+};
+
+constexpr std::array kPairsOf6 = {
+    PairRow{"VDM", "view"},
+    PairRow{"RDP", "freerdp", "rdesktop"},
+    PairRow{"ICA", "xen"},
+};
+
+constexpr std::array kPairsOf7 = {
+    PairRow{"Custom", "custom"},
+    PairRow{"ICA", "xen", "ica"},
+    PairRow{"Firefox", "iceweasel", "firefox"},
+    PairRow{"Leostream", "leostream"},
+    PairRow{"PNAgent", "pnagent"},
+    PairRow{"RDP", "freerdp", "rdesktop"},
+    PairRow{"RGS", "rgs"},
+    PairRow{"BNJ", "bnj-client"},
+    PairRow{"SSH", "ssh"},
+    PairRow{"Tavrin", "tavrin"},
+    PairRow{"Telnet", "telnet"},
+    PairRow{"VDM", "view"},
+    PairRow{"VWorkspace", "vworkspace"},
+    PairRow{"Xdmcp", "xdmcp"},
+};
+
+constexpr std::array kPairsOf8To10 = {
+    PairRow{"Custom", "custom"}, PairRow{"ICA", "xen"},  PairRow{"Firefox", "firefox"},
+    PairRow{"RDP", "freerdp"},   PairRow{"SSH", "ssh"},  PairRow{"Tavrin", "tavrin"},
+    PairRow{"Telnet", "telnet"}, PairRow{"VDM", "view"}, PairRow{"Xdmcp", "xdmcp"},
+};
+
+template <std::size_t Count>
+constexpr SlotRow slot_row(std::uint32_t lowest, std::uint32_t highest,
+                           const std::array<PairRow, Count>& rows) {
+    return {lowest, highest, rows.data(), rows.data() + Count};
 }
 
-const std::vector<SlotRow>& slot_rows() {
-    static const std::vector<SlotRow> rows{
-        {1,
-         1,
-         {{"Custom", "custom"},
-          {"ICA", "ica"},
-          {"Firefox", "firefox"},
-          {"Leostream", "leostream"},
-          {"PNAgent", "pnagent"},
-          {"Provision", "provision"},
-          {"RDP", "rdesktop"},
-          {"SSH", "ssh"},
-          {"Tavrin", "tavrin"},
-          {"Telnet", "telnet"},
-          {"VDM", "vdm"},
-          {"Xdmcp", "xdmcp"}}},
-        {3,
-         4,
-         {{"Custom", "custom"},
-          {"ICA", "ica"},
-          {"Firefox", "iceweasel"},
-          {"Leostream", "leostream"},
-          {"PNAgent", "pnagent"},
-          {"Provision", "provision"},
-          {"RDP", "rdesktop"},
-          {"RGS", "rgs"},
-          {"BNJ", "bnj-client"},
-          {"SSH", "ssh"},
-          {"Tavrin", "tavrin"},
-          {"Telnet", "telnet"},
-          {"VDM", "vdm"},
-          {"Xdmcp", "xdmcp"}}},
-        {5,
-         5,
-         {{"Custom", "custom"},
-          {"ICA", "ica"},
-          {"Firefox", "iceweasel"},
-          {"Leostream", "leostream"},
-          {"PNAgent", "pnagent"},
-          {"RDP", "rdesktop"},
-          {"RGS", "rgs"},
-          {"BNJ", "bnj-client"},
-          {"SSH", "ssh"},
-          {"Tavrin", "tavrin"},
-          {"Telnet", "telnet"},
-          {"VDM", "view"},
-          {"VWorkspace", "vworkspace"},
-          {"Xdmcp", "xdmcp"}}},
-        {6, 6, {{"VDM", "view"}, {"RDP", "rdesktop", "freerdp"}, {"ICA", "xen"}}},
-        {7,
-         7,
-         {{"Custom", "custom"},
-          {"ICA", "ica", "xen"},
-          {"Firefox", "firefox", "iceweasel"},
-          {"Leostream", "leostream"},
-          {"PNAgent", "pnagent"},
-          {"RDP", "rdesktop", "freerdp"},
-          {"RGS", "rgs"},
-          {"BNJ", "bnj-client"},
-          {"SSH", "ssh"},
-          {"Tavrin", "tavrin"},
-          {"Telnet", "telnet"},
-          {"VDM", "view"},
-          {"VWorkspace", "vworkspace"},
-          {"Xdmcp", "xdmcp"}}},
-        {8, 8, current_pairs()},
-        {9, 10, current_pairs()},
-    };
-    return rows;
+constexpr std::array kSlots = {
+    slot_row(1, 1, kPairsOf1),      slot_row(3, 4, kPairsOf3To4), slot_row(5, 5, kPairsOf5),
+    slot_row(6, 6, kPairsOf6),      slot_row(7, 7, kPairsOf7),    slot_row(8, 8, kPairsOf8To10),
+    slot_row(9, 10, kPairsOf8To10),
+};
+
+bool is_registered(const char* registry_name) {
+    return command_status("regsh contains root/ConnectionType/" + std::string(registry_name)) == 0;
 }
 
-bool is_installed(const char* client) {
-    return command_status(std::string("regsh contains root/ConnectionType/") + client) == 0;
+const char* registry_name_of(const PairRow& row) {
+    const bool wanted = row.otherwise == nullptr || is_registered(row.registry);
+    return wanted ? row.registry : row.otherwise;
 }
 
-const char* registry_name(const PairRow& row) {
-    return row.installed != nullptr && is_installed(row.installed) ? row.installed : row.registry;
-}
-
-// The process-wide table; a build that throws is made again by the next lookup.
-const ConnTypeMap& conn_type_map() {
-    static ConnTypeMap map;
-    static bool built = false;
-    if (!built) {
-        build_conn_type_map(map);
-        built = true;
+// The process-wide table. When building throws, it counts as not built.
+const ConnTypeMap& built_map() {
+    static struct {
+        ConnTypeMap map;
+        bool built = false;
+    } table;
+    if (!table.built) {
+        build_conn_type_map(table.map);
+        table.built = true;
     }
-    return map;
-}
-
-bool serves(const ConnTypeMapSlot& slot, std::uint32_t image_type) {
-    return slot.lowest_type <= image_type && image_type <= slot.highest_type;
+    return table.map;
 }
 
 }  // namespace
-
-void build_conn_type_map(ConnTypeMap& map) {
-    for (ConnTypeMapSlot& slot : map) {
-        slot.pairs.clear();
-    }
-    std::size_t index = 0;
-    for (const SlotRow& row : slot_rows()) {
-        ConnTypeMapSlot& slot = map[index++];
-        slot.lowest_type = row.lowest_type;
-        slot.highest_type = row.highest_type;
-        for (const PairRow& pair : row.pairs) {
-            slot.pairs.emplace_back(registry_name(pair), pair.display);
-        }
-    }
-    // A device that does not know what it is has no names to translate.
-    static_cast<void>(ImageID::current());
-}
-
-const std::list<std::pair<std::string, std::string>>& conn_type_pairs(std::uint32_t image_type) {
-    static const std::list<std::pair<std::string, std::string>> none;
-    for (const ConnTypeMapSlot& slot : conn_type_map()) {
-        if (slot.pairs.empty()) {
-            break;
-        }
-        if (serves(slot, image_type)) {
-            return slot.pairs;
-        }
-    }
-    return none;
-}
-
-std::string map_conn_type(const std::string& name, bool to_registry) {
-    static_cast<void>(conn_type_map());
-    for (const auto& [registry, display] : conn_type_pairs(current_image_type())) {
-        if ((to_registry ? display : registry) == name) {
-            return to_registry ? registry : display;
-        }
-    }
-    return name;
-}
 
 std::string to_registry_type(const std::string& display_name) {
     return map_conn_type(display_name, true);
@@ -173,4 +131,44 @@ std::string to_registry_type(const std::string& display_name) {
 
 std::string to_display_type(const std::string& registry_name) {
     return map_conn_type(registry_name, false);
+}
+
+std::string map_conn_type(const std::string& name, bool to_registry) {
+    built_map();
+    for (const auto& [registry, display] : conn_type_pairs(current_image_type())) {
+        if (name == (to_registry ? display : registry)) {
+            return to_registry ? registry : display;
+        }
+    }
+    return name;
+}
+
+void build_conn_type_map(ConnTypeMap& map) {
+    for (ConnTypeMapSlot& slot : map) {
+        slot.pairs.clear();
+    }
+    for (std::size_t index = 0; index < kSlots.size(); ++index) {
+        const SlotRow& row = kSlots[index];
+        ConnTypeMapSlot& slot = map[index];
+        slot.lowest_type = row.lowest_type;
+        slot.highest_type = row.highest_type;
+        std::for_each(row.begin, row.end, [&slot](const PairRow& pair) {
+            slot.pairs.emplace_back(registry_name_of(pair), pair.display);
+        });
+    }
+    // Asked only so that a device without an identity is refused.
+    static_cast<void>(ImageID::current());
+}
+
+const std::list<std::pair<std::string, std::string>>& conn_type_pairs(std::uint32_t image_type) {
+    static const std::list<std::pair<std::string, std::string>> none;
+    for (const ConnTypeMapSlot& slot : built_map()) {
+        if (slot.pairs.empty()) {
+            break;
+        }
+        if (image_type >= slot.lowest_type && image_type <= slot.highest_type) {
+            return slot.pairs;
+        }
+    }
+    return none;
 }

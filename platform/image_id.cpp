@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 namespace {
 
@@ -69,54 +70,52 @@ constexpr std::array<VersionRow, 3> kZeroVersions{{{'5', 8}, {'6', 9}, {'7', 10}
 constexpr std::int32_t kOldZeroType = 6;
 
 template <std::size_t size>
-const VersionRow* find_version(const std::array<VersionRow, size>& rows,
-                               const std::string& version) {
-    const char first = version.empty() ? '\0' : version.front();
+const VersionRow* find_version(const std::array<VersionRow, size>& rows, char first) {
     const auto* row = std::find_if(rows.begin(), rows.end(),
                                    [first](const VersionRow& r) { return r.first == first; });
     return row == rows.end() ? nullptr : row;
 }
 
-bool equal_ignoring_case(const std::string& text, const char* other) {
-    return strcasecmp(text.c_str(), other) == 0;
-}
+// Fixed buffers: reading the product description must not fail for want of memory.
+using InfoText = std::array<char, 1024>;
 
-// The value of KEY="value" in a line that holds the key: behind the place of the opening quote, as
-// long as a line of just key, quotes and line end makes it, whatever stands there.
-std::string line_value(const std::string& line, std::size_t key_position, std::size_t key_length) {
-    constexpr std::size_t framing = 3;  // two quotes and the line end
-    const std::size_t start = key_position + key_length + 1;
-    if (line.size() < key_length + framing || start >= line.size()) {
-        return "";
-    }
-    return line.substr(start, line.size() - key_length - framing);
-}
-
-struct ProductInfo {
-    std::string name;
-    std::string configuration;
-    std::string version;
+struct InfoKey {
+    std::string_view key;
+    InfoText* value;
 };
 
-// Takes the value of the first key that the line holds; a later line overwrites an earlier one.
-void take_line(ProductInfo& product, const std::string& line) {
-    struct Key {
-        const char* text;
-        std::string* value;
-    };
-    const std::array<Key, 3> keys{{{"PRODUCT_NAME=", &product.name},
-                                   {"PRODUCT_CONFIG=", &product.configuration},
-                                   {"PRODUCT_VERSION=", &product.version}}};
-    for (const Key& key : keys) {
-        const std::size_t position = line.find(key.text);
-        if (position != std::string::npos) {
-            *key.value = line_value(line, position, std::strlen(key.text));
+void take_value(std::string_view line, std::size_t at, const InfoKey& key) {
+    constexpr std::size_t quotes_and_newline = 3;
+    const std::size_t dropped = key.key.size() + quotes_and_newline;
+    const std::size_t length = line.size() > dropped ? line.size() - dropped : 0;
+    const std::size_t start = std::min(at + key.key.size() + 1, line.size());
+    const std::string_view value = line.substr(start, length);
+    key.value->fill('\0');
+    value.copy(key.value->data(), key.value->size() - 1);
+}
+
+// The first key that the line contains takes the line.
+void take_line(std::string_view line, const std::array<InfoKey, 3>& keys) {
+    for (const InfoKey& key : keys) {
+        const std::size_t at = line.find(key.key);
+        if (at != std::string_view::npos) {
+            take_value(line, at, key);
             return;
         }
     }
 }
 
+bool equals_ignoring_case(const InfoText& text, const char* wanted) {
+    return strcasecmp(text.data(), wanted) == 0;
+}
+
 }  // namespace
+
+struct ImageID::SystemInfo {
+    InfoText name{};
+    InfoText configuration{};
+    InfoText version{};
+};
 
 ImageID::ImageID(const char* text) {
     const std::size_t length = strnlen(text, kTextLength);
@@ -169,39 +168,42 @@ ImageID ImageID::from_file(const std::string& path) {
     const FileHandle file(std::fopen(path.c_str(), "r"));
     std::array<char, 100> text{};
     if (file) {
-        static_cast<void>(std::fread(text.data(), 1, text.size() - 1, file.get()));
+        text[std::fread(text.data(), 1, text.size() - 1, file.get())] = '\0';
     }
     return ImageID(text.data());
 }
 
-ImageID ImageID::from_systeminfo() {
+ImageID ImageID::from_systeminfo() noexcept {
     ImageID id;
     const FileHandle file(std::fopen(kSystemInfo, "r"));
     if (!file) {
         return id;
     }
-    ProductInfo product;
+    SystemInfo info;
+    const std::array<InfoKey, 3> keys = {{{"PRODUCT_NAME=", &info.name},
+                                          {"PRODUCT_CONFIG=", &info.configuration},
+                                          {"PRODUCT_VERSION=", &info.version}}};
     std::array<char, 1024> line{};
     while (std::fgets(line.data(), static_cast<int>(line.size()), file.get()) != nullptr) {
-        take_line(product, line.data());
+        take_line(line.data(), keys);
     }
     id.arch_ = 2;
-    id.classify_product(product.name, product.configuration, product.version);
+    id.classify_product(info);
     return id;
 }
 
-void ImageID::classify_product(const std::string& name, const std::string& configuration,
-                               const std::string& version) {
-    if (!equal_ignoring_case(name, "Sylvex")) {
+void ImageID::classify_product(const SystemInfo& info) {
+    if (!equals_ignoring_case(info.name, "Sylvex")) {
         return;
     }
-    if (configuration.empty() || equal_ignoring_case(configuration, "standard")) {
+    const char version = info.version[0];
+    if (info.configuration[0] == '\0' || equals_ignoring_case(info.configuration, "standard")) {
         code_[0] = 'T';
         if (const VersionRow* row = find_version(kStandardVersions, version)) {
             type_ = row->type;
             valid_ = true;
         }
-    } else if (equal_ignoring_case(configuration, "zero")) {
+    } else if (equals_ignoring_case(info.configuration, "zero")) {
         const VersionRow* row = find_version(kZeroVersions, version);
         code_[0] = row == nullptr ? 'Z' : 'T';
         type_ = row == nullptr ? kOldZeroType : row->type;

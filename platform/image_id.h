@@ -40,7 +40,7 @@ public:
     static ImageID from_file(const std::string& path);
 
     // The identity that /etc/systeminfo gives; not valid when it does not settle one. Never throws.
-    static ImageID from_systeminfo();
+    static ImageID from_systeminfo() noexcept;
 
     // /etc/systeminfo first, then /etc/imageid. Throws ImageIDException when neither gives one.
     static ImageID current();
@@ -56,12 +56,11 @@ public:
     bool valid() const { return valid_; }
 
 private:
+    struct SystemInfo;  // what /etc/systeminfo says of the product
+
     void cut_up();
     void classify();
-    void settle(const char* code, std::int32_t type);
-    void set_code(const char* code, std::size_t length);
-    void classify_product(const std::string& name, const std::string& configuration,
-                          const std::string& version);
+    void classify_product(const SystemInfo& info);
 
     std::array<char, 9> text_{};  // the first 8 characters of the identifier
     const ImageIDFormat* format_ = nullptr;

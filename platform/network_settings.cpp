@@ -7,11 +7,15 @@
 
 #include <sys/types.h>
 
+#include <algorithm>
 #include <array>
+#include <climits>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace {
 
@@ -57,6 +61,17 @@ bool read_last_block(const std::string& command, std::size_t block_size, std::st
     return read_blocks(command, block_size, [&](std::string block) { last = std::move(block); });
 }
 
+// The number at the start of the text; without one `number` stays as it is. One that does not fit
+// becomes the nearest that does, which no connection has.
+void read_number(const char* text, int& number) {
+    constexpr int decimal = 10;
+    char* end = nullptr;
+    const long value = std::strtol(text, &end, decimal);
+    if (end != text) {
+        number = static_cast<int>(std::clamp<long>(value, INT_MIN, INT_MAX));
+    }
+}
+
 int find_connection(bool (*passes)(int number)) {
     int result = 0;
     std::string listing;
@@ -67,7 +82,7 @@ int find_connection(bool (*passes)(int number)) {
     std::size_t at = listing.find(kConnectionPath);
     while (at != std::string::npos) {
         at += kConnectionPath.size();
-        static_cast<void>(std::sscanf(listing.c_str() + at, "%d\"", &result));
+        read_number(listing.c_str() + at, result);
         if (passes(result)) {
             return result;
         }
