@@ -10,21 +10,30 @@
 
 namespace {
 
+// One line, whatever the message holds: names out of the command line may stand in it.
+void tell(const char* message, const char* addition = "") {
+    std::fputs("corvik: ", stderr);
+    for (; *message != '\0'; ++message) {
+        const bool control = *message > '\0' && *message < ' ';
+        std::fputc(control ? '?' : *message, stderr);
+    }
+    std::fprintf(stderr, "%s\n", addition);
+}
+
 // Names what is being thrown without asking for memory, which may be what ran out.
 void tell_exception() {
     try {
         throw;
     } catch (const TException& error) {
-        std::fprintf(stderr, "corvik: %s\n", error.Message());
+        tell(error.Message());
     } catch (const ImageIDException& error) {
-        std::fprintf(stderr, "corvik: %s (neither /etc/systeminfo nor /etc/imageid gives one)\n",
-                     error.what());
+        tell(error.what(), " (neither /etc/systeminfo nor /etc/imageid gives one)");
     } catch (const std::bad_alloc&) {
-        std::fputs("corvik: out of memory\n", stderr);
+        tell("out of memory");
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "corvik: %s\n", error.what());
+        tell(error.what());
     } catch (...) {
-        std::fputs("corvik: unknown failure\n", stderr);
+        tell("unknown failure");
     }
 }
 
@@ -32,7 +41,7 @@ void tell_exception() {
     if (std::current_exception() != nullptr) {
         tell_exception();
     } else {
-        std::fputs("corvik: ended without an exception\n", stderr);
+        tell("ended without an exception");
     }
     std::abort();
 }

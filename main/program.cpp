@@ -5,12 +5,27 @@
 #include "main/command_line.h"
 #include "main/dispatch.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cstdio>
 
 namespace {
 
 constexpr const char* kLogFile = "corvik.log";
 constexpr const char* kMask = "******";  // user name and password never reach the log
+
+// Where the caller closed a standard stream, the next file to be opened would take its number, and
+// messages would land in the log or in a document.
+void keep_standard_streams_apart() {
+    int number = 0;
+    while (number >= STDIN_FILENO && number <= STDERR_FILENO) {
+        number = open("/dev/null", O_RDWR);
+    }
+    if (number > STDERR_FILENO) {
+        close(number);
+    }
+}
 
 bool open_log() {
     run_options.log.reset(std::fopen(kLogFile, "wb"));
@@ -52,6 +67,7 @@ int tell_usage() {
 }  // namespace
 
 int run_program(int argc, char* argv[]) {
+    keep_standard_streams_apart();
     if (!parse_args(argc, argv)) {
         print_syntax_error();
         return kSyntaxError;
