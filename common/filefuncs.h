@@ -17,7 +17,8 @@ bool writefile(const char* szfile, const char* content, int length);
 
 // A new element "File", owned by the caller: its text is the file's bytes in upper-case
 // hexadecimal, its attribute "Name" the escaped base name (behind the last slash or backslash).
-// Null, with "Failed to read %s\n" on standard error, when the file cannot be read or holds 2 GiB or more.
+// Null, with "Failed to read %s\n" on standard error, when the file cannot be read or holds 2 GiB
+// or more.
 NTiXmlElement* readfile2Ele(const char* szfile);
 
 // Sets `version` to the "Version" attribute of the file's root element; empty when there is none or

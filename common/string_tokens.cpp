@@ -2,11 +2,13 @@
 
 #include "common/argument_check.h"
 
+#include <algorithm>
 #include <array>
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <stdexcept>
 #include <string_view>
 
 namespace {
@@ -63,10 +65,9 @@ std::string encode(const void* bytes, int count, std::string_view digits,
 }
 
 // The byte that two alphanumeric characters give: reading stops at what is no hexadecimal digit.
-char percent_byte(char first, char second) {
+char decoded_byte(char first, char second) {
     const std::array<char, 3> digits{first, second, '\0'};
-    const char* text = is_hex_digit(first) ? digits.data() : "0";
-    return static_cast<char>(std::strtoul(text, nullptr, kHexadecimal));
+    return static_cast<char>(std::strtoul(digits.data(), nullptr, kHexadecimal));
 }
 
 void append_control(std::string& out, char c, bool percent_form) {
@@ -136,19 +137,21 @@ char* trim_string(char* text, int mode) {
 }
 
 void ByteBuffer::append(std::uint8_t byte) {
-    if (count_ == capacity_) {
-        reserve(capacity_ == 0 ? 16 : capacity_ * 2);
+    const auto count = static_cast<std::size_t>(count_);
+    if (count == capacity_) {
+        reserve(count == 0 ? 16 : count * 2);
     }
-    bytes_[static_cast<std::size_t>(count_)] = byte;
+    bytes_[count] = byte;
+    bytes_[count + 1] = 0;
     ++count_;
-    bytes_[static_cast<std::size_t>(count_)] = 0;
 }
 
-void ByteBuffer::reserve(std::int32_t capacity) {
-    auto grown = std::make_unique<std::uint8_t[]>(static_cast<std::size_t>(capacity) + 1);
-    if (count_ > 0) {
-        std::memcpy(grown.get(), bytes_.get(), static_cast<std::size_t>(count_));
+void ByteBuffer::reserve(std::size_t capacity) {
+    if (capacity > std::size_t{1} << 30U) {
+        throw std::length_error("a byte buffer of more than 1 GiB");
     }
+    auto grown = std::make_unique<std::uint8_t[]>(capacity + 1);
+    std::copy_n(bytes_.get(), count_, grown.get());
     bytes_ = std::move(grown);
     capacity_ = capacity;
 }
@@ -171,7 +174,7 @@ bool hex_decode(const std::string& hex, ByteBuffer& buffer) {
         }
     }
     for (std::size_t i = 0; i < hex.size(); i += 2) {
-        buffer.append(static_cast<std::uint8_t>(percent_byte(hex[i], hex[i + 1])));
+        buffer.append(static_cast<std::uint8_t>(decoded_byte(hex[i], hex[i + 1])));
     }
     return true;
 }
@@ -205,7 +208,7 @@ std::string percent_decode(const std::string& text) {
         const bool coded = text[i] == '%' && text.size() - i > 2 && is_alphanumeric(text[i + 1]) &&
                            is_alphanumeric(text[i + 2]);
         if (coded) {
-            out += percent_byte(text[i + 1], text[i + 2]);
+            out += decoded_byte(text[i + 1], text[i + 2]);
             i += 2;
         } else {
             out += text[i];

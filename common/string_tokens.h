@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -38,7 +39,8 @@ inline constexpr int kTrimBoth = 3;
 char* trim_string(char* text, int mode);
 
 // Bytes that hex_decode fills. The array always holds one NUL behind its `count` bytes; it is null
-// until the first byte is appended. It grows in step with the data.
+// until the first byte is appended. It grows in step with the data, to 1 GiB at most
+// (std::length_error).
 class ByteBuffer {
 public:
     const std::uint8_t* bytes() const { return bytes_.get(); }
@@ -46,11 +48,11 @@ public:
     void append(std::uint8_t byte);
 
 private:
-    void reserve(std::int32_t capacity);
+    void reserve(std::size_t capacity);
 
     std::unique_ptr<std::uint8_t[]> bytes_;
     std::int32_t count_ = 0;
-    std::int32_t capacity_ = 0;  // bytes that fit before the NUL
+    std::size_t capacity_ = 0;  // bytes that fit before the NUL
 };
 
 // Two upper-case hexadecimal digits for each byte, without a separator; empty for a count below 1.

@@ -283,7 +283,7 @@ private:
     void ReadTrailingText() {
         std::string& text = open_.back().element->Text();
         const char* end = ReadText(p_, text, "<");
-        if (end == nullptr || text.empty()) {
+        if (end == nullptr) {
             FailContent(737);
         }
         p_ = end - 1;
