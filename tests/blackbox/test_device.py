@@ -250,6 +250,18 @@ def test_folder_that_cannot_hold_a_device(call, folder):
     assert result.returncode == 64
 
 
+@pytest.mark.parametrize("name", ["etc", "tmp", "home", "client"])
+def test_kept_folder_with_a_way_out(call, tmp_path, name):
+    (tmp_path / "host").mkdir()
+    (tmp_path / "device").mkdir()
+    (tmp_path / "device" / name).symlink_to(tmp_path / "host")
+    result = call("--keep", tmp_path / "device", "true")
+    inner = tmp_path / "device" / name / ("tavrin/connections" if name == "etc" else "")
+    assert result.stderr == f"device: {inner} leads out of the device\n"
+    assert result.returncode == 64
+    assert list((tmp_path / "host").iterdir()) == []
+
+
 def test_help_names_every_option(call):
     result = call("--help")
     assert result.returncode == 0
@@ -453,6 +465,13 @@ def test_given_client_takes_the_place_of_regsh(call, way, tmp_path):
     result = shell(call, way, "regsh get 'a  b'; exit $?", *keep, "--client", client)
     assert (result.stdout, result.stderr, result.returncode) == ("2 get a  b\n", "", 9)
     assert shell(call, way, "regsh contains root/none", *keep).stdout == ""
+
+
+def test_interpreter_of_the_client_comes_along(call, way, tmp_path):
+    client = tmp_path / "client"
+    client.write_text("#!/usr/bin/tac\nlast line\n")
+    result = call("--way", way, "--client", client, "regsh")
+    assert (result.stdout, result.stderr) == ("last line\n#!/usr/bin/tac\n", "")
 
 
 def test_programs_are_first_on_the_path(call, way, programs):

@@ -87,6 +87,13 @@ std::filesystem::path open_kept_folder(const std::filesystem::path& keep) {
     return folder;
 }
 
+// Writing through such a link would change the host.
+void refuse_way_out(const std::filesystem::path& inner, const std::filesystem::path& device) {
+    if (!lies_within(std::filesystem::weakly_canonical(inner), device)) {
+        throw Failure(ExitStatus::usage, inner.string() + " leads out of the device");
+    }
+}
+
 void copy_sessions(const std::filesystem::path& from, const std::filesystem::path& to) {
     std::error_code error;
     for (const auto& entry : std::filesystem::directory_iterator(from, error)) {
@@ -127,6 +134,7 @@ void DeviceFolder::fill(const Options& options) {
     const bool is_new = !std::filesystem::exists(etc() / base_files.back().name);
     const std::filesystem::path sessions = etc() / "tavrin/connections";
     for (const auto& folder : {sessions, etc() / "regsh", tmp(), home(), client()}) {
+        refuse_way_out(folder, path_);
         make_folders(folder);
     }
     if (chmod(tmp().c_str(), S_ISVTX | S_IRWXU | S_IRWXG | S_IRWXO) != 0) {
