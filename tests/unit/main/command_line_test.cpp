@@ -199,6 +199,7 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(InvalidCase{"NoArgumentsAtAll", {}}, InvalidCase{"Alone", {"corvik"}},
                     InvalidCase{"NoDash", {"corvik", "get", "RDP", "-f", "out.xml"}},
                     InvalidCase{"VersionWithoutDash", {"corvik", "v"}},
+                    InvalidCase{"OtherCharacterInPlaceOfTheDash", {"corvik", "/v"}},
                     InvalidCase{"DashOnly", {"corvik", "-"}},
                     InvalidCase{"DashOnlyWithMore", {"corvik", "-", "RDP", "-f", "out.xml"}},
                     InvalidCase{"EmptyWord", {"corvik", "", "RDP", "-f", "out.xml"}},
