@@ -27,7 +27,8 @@ bool read_first_line(const std::string& command, std::string& line);
 bool read_all_lines(const std::string& command, std::vector<std::string>& lines);
 
 // The status of the command as system() gives it: 0 only when the shell ended with exit status 0,
-// -1 when it could not be started. The command writes to the tool's own standard output and error.
+// so never 0 when it could not be started. The command writes to the tool's own standard output and
+// error.
 int command_status(const std::string& command);
 
 // `format` filled in as printf does and cut to `limit` characters (kCommandLimit at most).

@@ -5,6 +5,7 @@
 #include "common/string_tokens.h"
 #include "platform/command_runner.h"
 
+#include <string.h>
 #include <sys/types.h>
 
 #include <algorithm>
@@ -12,7 +13,6 @@
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -168,6 +168,6 @@ void get_connection_setting(int number, const char* name, char* out) {
         }
         const std::string value_line = lines.getToken(i + 2);
         const std::string_view value = quoted_value(value_line);
-        std::memcpy(out, value.data(), value.size());
+        value.copy(out, value.size());
     }
 }
