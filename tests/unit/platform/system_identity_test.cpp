@@ -1,0 +1,112 @@
+#include "platform/system_identity.h"
+
+#include "tests/support/device_fixture.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+class SystemIdentity : public DeviceTest {
+protected:
+    static std::string ProductConfig() {
+        std::string configuration = "untouched";
+        EXPECT_TRUE(read_product_config(configuration));
+        return configuration;
+    }
+    static bool IsZero(const std::string& configuration, const std::string& version) {
+        SetProduct("Sylvex", configuration, version);
+        return is_zero_product();
+    }
+};
+
+TEST_F(SystemIdentity, ImageTypes) {
+    for (unsigned type = 1; type <= 10; ++type) {
+        SetImageType(type);
+        EXPECT_EQ(current_image_type(), type);
+    }
+}
+
+TEST_F(SystemIdentity, ImageTypeWithoutIdentity) {
+    EXPECT_EQ(current_image_type(), 10U);
+}
+
+TEST_F(SystemIdentity, ProductConfigAsWritten) {
+    SetProduct("Sylvex", "ZeRo client", "6.1");
+    EXPECT_EQ(ProductConfig(), "ZeRo client");
+}
+
+TEST_F(SystemIdentity, ProductConfigIsTrimmed) {
+    SetProduct("Sylvex", " zero\t", "6.1");
+    EXPECT_EQ(ProductConfig(), "zero");
+}
+
+TEST_F(SystemIdentity, ProductConfigOfTheFirstLine) {
+    WriteSystemInfo("A=\"b\"\nPRODUCT_CONFIG=\"one\"\nPRODUCT_CONFIG=\"two\"\n");
+    EXPECT_EQ(ProductConfig(), "one");
+}
+
+TEST_F(SystemIdentity, ProductConfigWithoutQuotesIsTheWholeLine) {
+    WriteSystemInfo("PRODUCT_CONFIG=zero\n");
+    EXPECT_EQ(ProductConfig(), "PRODUCT_CONFIG=zero");
+}
+
+TEST_F(SystemIdentity, ProductConfigEmptyOrAbsent) {
+    SetProduct("Sylvex", "", "6.1");
+    EXPECT_EQ(ProductConfig(), "");
+    WriteSystemInfo("PRODUCT_NAME=\"Sylvex\"\n");
+    EXPECT_EQ(ProductConfig(), "");
+}
+
+TEST_F(SystemIdentity, ProductConfigWithoutFile) {
+    const std::string messages = captured_stderr([] { EXPECT_EQ(ProductConfig(), ""); });
+    EXPECT_NE(messages.find("/etc/systeminfo"), std::string::npos) << messages;
+}
+
+TEST_F(SystemIdentity, ProductConfigLeavesTheTextWhenNotStarted) {
+    std::string configuration = "untouched";
+    bool started = true;
+    {
+        const NoMoreDescriptors limit;
+        started = read_product_config(configuration);
+    }
+    EXPECT_FALSE(started);
+    EXPECT_EQ(configuration, "untouched");
+}
+
+TEST_F(SystemIdentity, ZeroProducts) {
+    for (const char* version : {"5.1", "6.1", "7.1"}) {
+        EXPECT_TRUE(IsZero("zero", version)) << version;
+        EXPECT_TRUE(IsZero("Zero", version)) << version;
+    }
+}
+
+TEST_F(SystemIdentity, ZeroIsCaseSensitive) {
+    EXPECT_FALSE(IsZero("ZERO", "5.1"));
+    EXPECT_EQ(current_image_type(), 8U);
+    EXPECT_FALSE(IsZero("zerO", "6.1"));
+}
+
+TEST_F(SystemIdentity, StandardIsNotZero) {
+    EXPECT_FALSE(IsZero("standard", "6.1"));
+    EXPECT_FALSE(IsZero("", "6.1"));
+}
+
+TEST_F(SystemIdentity, ZeroOnOlderBuildsIsNotZero) {
+    EXPECT_FALSE(IsZero("zero", "4.1"));
+    EXPECT_EQ(current_image_type(), 6U);
+}
+
+TEST_F(SystemIdentity, ZeroWithoutIdentityCounts) {
+    // Another product, so that there is no identity: type 10.
+    SetProduct("Other", "zero", "1.1");
+    EXPECT_TRUE(is_zero_product());
+}
+
+TEST_F(SystemIdentity, ZeroByImageIdentifierOfAnotherTypeDoesNotCount) {
+    SetProduct("Other", "zero", "6.1");
+    WriteImageID("TXX41012\n");
+    EXPECT_EQ(current_image_type(), 7U);
+    EXPECT_FALSE(is_zero_product());
+}
+
+}  // namespace
