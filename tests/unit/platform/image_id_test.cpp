@@ -350,12 +350,14 @@ TEST_F(SystemInfo, LaterLineOverwrites) {
 }
 
 TEST_F(SystemInfo, FirstKeyOfALineTakesIt) {
-    // The version of the first line belongs to the name, which the second line then gives.
-    const ImageID id =
-        Of("PRODUCT_VERSION=\"6.1\" PRODUCT_NAME=\"x\"\n"
-           "PRODUCT_VERSION=\"4.1\" PRODUCT_CONFIG=\"x\"\n"
-           "PRODUCT_CONFIG=\"\"\nPRODUCT_NAME=\"Sylvex\"\nPRODUCT_VERSION=\"5.1\"\n");
-    EXPECT_EQ(id.type(), 8);
+    // Name before configuration before version, wherever they stand in the line.
+    const std::string start = "PRODUCT_CONFIG=\"\"\nPRODUCT_VERSION=\"6.1\"\n";
+    const std::string end = "PRODUCT_NAME=\"Sylvex\"\n";
+    EXPECT_EQ(Of(start + "PRODUCT_VERSION=\"4.1\" PRODUCT_NAME=\"x\"\n" + end).type(), 9);
+    EXPECT_EQ(Of(start + "PRODUCT_CONFIG=\"smart\" PRODUCT_NAME=\"x\"\n" + end).type(), 9);
+    EXPECT_EQ(Of(start + "PRODUCT_CONFIG=\"x\" PRODUCT_VERSION=\"4\"\nPRODUCT_CONFIG=\"\"\n" + end)
+                  .type(),
+              9);
 }
 
 constexpr const char* kVersionSix = "PRODUCT_VERSION=\"6.1\"\n";

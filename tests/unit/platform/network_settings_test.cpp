@@ -337,7 +337,10 @@ TEST_F(NetworkSettings, OnlyTheLastBlockOfASettingReplyCounts) {
     std::string first = entry("id", "first");
     first.resize(4096, ' ');
     EXPECT_EQ(Setting("id", first + entry("type", "x")), "");
-    EXPECT_EQ(Setting("type", first + entry("type", "x")), "x");
+    // An entry that the border cuts is not found.
+    const std::string next = "dict entry(\nstring \"type\"\nstring \"x\"\n";
+    EXPECT_EQ(Setting("type", first + next), "x");
+    EXPECT_EQ(Setting("type", std::string(4095, ' ') + next), "");
 }
 
 TEST_F(NetworkSettings, SettingThatCannotBeAskedFor) {
