@@ -26,9 +26,9 @@ LIST = (ASK + "/org/freedesktop/NetworkManagerSettings "
 WIRED = "{'connection': {'id': <'Auto eth0'>, 'type': <'802-3-ethernet'>}}"
 WIRELESS = "{'connection': {'id': <'Hall'>, 'type': <'802-11-wireless'>}}"
 
-# Puts folder $2 in the place of the system folder $1 and starts the program behind. Where nothing can
-# be mounted, only the files named in $4 change. The mark in /etc is there on the test's device alone,
-# so that a system folder of the host is never touched.
+# Puts folder $2 in the place of the system folder $1 and starts the program behind. Where nothing
+# can be mounted, only the files named in $4 change. The mark in /etc is on the test's device alone, so
+# that a system folder of the host is never touched.
 WITH_SYSTEM_FOLDER = """
 place=$1 folder=$2 mark=$3 names=$4
 shift 4
@@ -684,7 +684,8 @@ LAST_PATH = f"{PATHS}7\"".encode()
     (ending_at(4095, LAST_PATH) + b"..", 0),
     (LAST_PATH + b"." * 4000 + f"{PATHS}3\"".encode(), 3),
     (b"\0" + LAST_PATH, 0),  # text ends at the first NUL
-])
+], ids=["one block", "last block empty", "across", "start of second", "end of second",
+        "third block", "in both", "behind a NUL"])
 def test_listing_at_the_edges_of_the_2048_byte_block(replies, reply, number):
     assert replies.give(reply).probe("find_wired") == f"{number}\n"
 
@@ -709,7 +710,7 @@ def test_wired_test_asks_for_position_0(replies, reply, answer):
     (b"802-11-wireless", "false\n"),
     (b"802-3-ethernet", "true\n"),
     (b"x802-11-wireless", "true\n"),
-])
+], ids=["empty", "at 0", "other", "at 1"])
 def test_wireless_test_asks_for_position_0(replies, reply, answer):
     assert replies.give(settings_1=reply).probe("is_wireless", "1") == answer
 
@@ -733,7 +734,9 @@ def entry(name, value):
     (b"dict entry(", ""),
     (b"dict entry(\nstring \"\"\nv \"1\"\n", ""),
     (b"\n\n" + entry("type", "behind empty lines"), "behind empty lines"),
-])
+], ids=["plain", "other words", "other last letter", "two words", "name comes late", "among others",
+        "twice", "open value", "no value line", "no name line", "entry alone", "empty name",
+        "empty lines"])
 def test_setting_in_an_unusual_reply(replies, reply, value):
     assert replies.give(settings_1=reply).probe("setting", "1", "type") == f"{value}\n"
 
@@ -803,7 +806,7 @@ def test_first_line_of_a_missing_command_is_empty(device):
     (" " * 10 + "a" * 1022, "a" * 1012),
     (" " * 1022 + "a", ""),
     ("a" * 1021 + " b", "a" * 1021),
-])
+], ids=["1021", "1022", "1023", "other letter", "5000", "blanks first", "blanks only", "blank last"])
 @pytest.mark.parametrize("line_end", ["", "\n"])
 def test_first_line_is_cut_at_1022_characters_before_it_is_trimmed(device, text, kept, line_end):
     (device.home / "text").write_text(text + line_end)
