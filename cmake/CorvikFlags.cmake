@@ -15,7 +15,7 @@ target_compile_options(corvik_flags INTERFACE "-ffile-prefix-map=${PROJECT_SOURC
 target_compile_options(corvik_flags INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wold-style-cast
   -Wnon-virtual-dtor -Woverloaded-virtual -Wcast-align -Wcast-qual -Wformat=2 -Wimplicit-fallthrough
-  -Wnull-dereference -Wdouble-promotion -Wundef -Wunused
+  -Wdouble-promotion -Wundef -Wunused
   $<$<CXX_COMPILER_ID:GNU>:-Wduplicated-cond -Wduplicated-branches -Wlogical-op -Wuseless-cast>)
 if(CORVIK_STRICT)
   target_compile_options(corvik_flags INTERFACE -Werror)

@@ -22,13 +22,13 @@ NTiXmlException::NTiXmlException(const char* file, int line, const std::string& 
     last_class_ = "NTiXmlException";
 }
 
-NTiXmlAttribute* NTiXmlNode::FindAttribute(const char* name) const {
+const NTiXmlAttribute* NTiXmlNode::FindAttribute(const char* name) const {
     if (name == nullptr) {
         return nullptr;
     }
-    for (const auto& attribute : attributes_) {
-        if (attribute->Name() == name) {
-            return attribute.get();
+    for (const NTiXmlAttribute& attribute : attributes_) {
+        if (attribute.Name() == name) {
+            return &attribute;
         }
     }
     return nullptr;
@@ -43,16 +43,15 @@ const std::string* NTiXmlNode::AttributeValue(const std::string& name) const {
     return AttributeValue(name.c_str());
 }
 
-NTiXmlAttribute* NTiXmlNode::AttributeAt(int index) const {
+const NTiXmlAttribute* NTiXmlNode::AttributeAt(int index) const {
     if (index < 0 || static_cast<std::size_t>(index) >= attributes_.size()) {
         return nullptr;
     }
-    return attributes_.front().get();
+    return &attributes_.front();
 }
 
 NTiXmlAttribute* NTiXmlNode::AddAttribute(const std::string& name, const std::string& value) {
-    attributes_.push_back(std::make_unique<NTiXmlAttribute>(name, value));
-    return attributes_.back().get();
+    return &attributes_.emplace_back(name, value);
 }
 
 void NTiXmlNode::CopyAttributesTo(NTiXmlNode* target) const {
@@ -62,7 +61,7 @@ void NTiXmlNode::CopyAttributesTo(NTiXmlNode* target) const {
     // Counted first: the target may be this very node.
     std::size_t left = attributes_.size();
     for (auto at = attributes_.begin(); left > 0; ++at, --left) {
-        target->AddAttribute((*at)->Name(), (*at)->Value());
+        target->AddAttribute(at->Name(), at->Value());
     }
 }
 

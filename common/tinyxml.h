@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 #include <exception>
 #include <list>
 #include <memory>
@@ -62,6 +63,14 @@ public:
     // Reserves the size of `text` and appends it up to its first NUL. Throws std::length_error when
     // the reserved count would pass 32 bits: a text of 4 GiB or more is not printed.
     void Append(std::string_view text);
+    // The same for text that holds no NUL, such as the markup itself.
+    void AppendMarkup(std::string_view text) {
+        char* at = Reserve(text.size());
+        std::memcpy(at, text.data(), text.size());
+        End(at + text.size());
+    }
+    // As Append, with the entities' characters replaced. What is behind a NUL is only counted.
+    void AppendEscaped(std::string_view text);
     // Appends `count` blanks; throws as Append does.
     void AppendBlanks(std::size_t count);
 
@@ -75,8 +84,21 @@ public:
     std::uint32_t Capacity() const { return capacity_; }
 
 private:
-    char* Reserve(std::size_t count);
-    void Grow();
+    // Counts the bytes in and returns where they go.
+    char* Reserve(std::size_t count) {
+        if (count >= capacity_ - length_) {
+            GrowCapacity(count);
+        }
+        length_ += static_cast<std::uint32_t>(count);
+        return text_.get() + end_;
+    }
+    // Sets the NUL behind what was written.
+    void End(char* at) {
+        *at = '\0';
+        end_ = static_cast<std::size_t>(at - text_.get());
+    }
+    void GrowCapacity(std::size_t count);
+    void GrowMemory();
 
     struct Freer {
         void operator()(char* text) const;
@@ -142,13 +164,13 @@ public:
     const std::string& Text() const { return text_; }
 
     // The first attribute with exactly that name, or null; null also for a null name.
-    NTiXmlAttribute* FindAttribute(const char* name) const;
+    const NTiXmlAttribute* FindAttribute(const char* name) const;
     // The value of that attribute, or null.
     const std::string* AttributeValue(const char* name) const;
     const std::string* AttributeValue(const std::string& name) const;
     // Null outside 0 .. number of attributes - 1; every valid index gives the first attribute,
     // which is what callers have always been given.
-    NTiXmlAttribute* AttributeAt(int index) const;
+    const NTiXmlAttribute* AttributeAt(int index) const;
 
     // Appends an attribute, also where one of that name exists. Returns it, borrowed.
     NTiXmlAttribute* AddAttribute(const std::string& name, const std::string& value);
@@ -156,7 +178,7 @@ public:
     void CopyAttributesTo(NTiXmlNode* target) const;
 
 protected:
-    using AttributeList = std::list<std::unique_ptr<NTiXmlAttribute>>;
+    using AttributeList = std::list<NTiXmlAttribute>;
     AttributeList& Attributes() { return attributes_; }
     const AttributeList& Attributes() const { return attributes_; }
 
@@ -279,7 +301,7 @@ public:
     // `source` is the text itself, or with is_file the name of the file that is read at once.
     // Throws NTiXmlException "Invalid file name:NAME" when that file cannot be opened or read.
     // Nothing is parsed yet.
-    NTiXmlDoc(const std::string& source, bool is_file);
+    NTiXmlDoc(std::string source, bool is_file);
 
     // Parses `text`, or with null the text of the constructor, and appends the top-level nodes.
     // Nodes that stood before a failure stay.

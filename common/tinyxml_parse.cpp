@@ -2,7 +2,7 @@
 #include "common/tinyxml.h"
 
 #include <array>
-#include <cctype>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <optional>
@@ -20,19 +20,43 @@ constexpr const char* kDeclarationError = "Declaration Parse error";
 constexpr const char* kElementError = "Element Parse error";
 constexpr const char* kContentError = "ReadValue";
 
-bool is_white(char c) {
-    return std::isspace(static_cast<unsigned char>(c)) != 0;
-}
-bool is_letter(char c) {
-    return std::isalpha(static_cast<unsigned char>(c)) != 0;
+// What a byte may be, as the C locale has it.
+enum CharacterClass : std::uint8_t {
+    kWhite = 1,
+    kLetter = 2,
+    kStartsName = 4,
+    kContinuesName = 8,
+    kEndsRun = 16,  // the end of the text, markup and white space: not copied as it is
+};
+
+constexpr std::array<std::uint8_t, 256> kCharacterClasses = [] {
+    std::array<std::uint8_t, 256> classes{};
+    const auto mark = [&classes](std::string_view characters, unsigned what) {
+        for (const char c : characters) {
+            auto& entry = classes[static_cast<unsigned char>(c)];
+            entry = static_cast<std::uint8_t>(entry | what);
+        }
+    };
+    mark(" \t\n\v\f\r", kWhite | kEndsRun);
+    mark("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz",
+         kLetter | kStartsName | kContinuesName);
+    mark("_:", kStartsName | kContinuesName);
+    mark("0123456789-.", kContinuesName);
+    mark("<>&", kEndsRun);
+    mark(std::string_view("", 1), kEndsRun);
+    return classes;
+}();
+
+bool is(char c, CharacterClass what) {
+    return (kCharacterClasses[static_cast<unsigned char>(c)] & what) != 0;
 }
 
-bool starts_name(char c) {
-    return is_letter(c) || c == '_' || c == ':';
+bool is_white(char c) {
+    return is(c, kWhite);
 }
-bool continues_name(char c) {
-    return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '_' || c == '-' || c == ':' ||
-           c == '.';
+
+char lower_case(char c) {
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
 }
 
 [[noreturn]] void fail(int line, const char* message, const char* remainder) {
@@ -52,19 +76,13 @@ const char* append_entity(const char* p, std::string& out) {
     return p + 1;
 }
 
-// What may not stand in a run that is copied as it is: the end, markup, white space, and the first
-// byte of an end tag.
-bool ends_run(char c, char end_tag) {
-    return c == '\0' || c == '<' || c == '>' || c == '&' || c == end_tag || is_white(c);
-}
-
 // Appends the byte at p with the ordinary ones behind it, or an entity's character.
 const char* append_run(const char* p, std::string& out, char end_tag) {
     if (*p == '&') {
         return append_entity(p, out);
     }
     const char* end = p + 1;
-    while (!ends_run(*end, end_tag)) {
+    while (!is(*end, kEndsRun) && *end != end_tag) {
         ++end;
     }
     out.append(p, end);
@@ -79,7 +97,7 @@ std::unique_ptr<NTiXmlNode> identify_node(const char* p) {
     if (StringEqual(p, "<!--", true)) {
         return std::make_unique<NTiXmlComment>();
     }
-    if (is_letter(p[1]) || p[1] == '_') {
+    if (is(p[1], kLetter) || p[1] == '_') {
         return std::make_unique<NTiXmlElement>();
     }
     return std::make_unique<NTiXmlExtra>();
@@ -96,9 +114,7 @@ const char* SkipWhite(const char* p) {
 
 bool StringEqual(const char* p, std::string_view tag, bool ignore_case) {
     for (const char wanted : tag) {
-        const bool equal = ignore_case ? std::tolower(static_cast<unsigned char>(*p)) ==
-                                             std::tolower(static_cast<unsigned char>(wanted))
-                                       : *p == wanted;
+        const bool equal = *p == wanted || (ignore_case && lower_case(*p) == lower_case(wanted));
         if (!equal) {
             return false;
         }
@@ -109,11 +125,11 @@ bool StringEqual(const char* p, std::string_view tag, bool ignore_case) {
 
 const char* ReadName(const char* p, std::string& name) {
     name.clear();
-    if (!starts_name(*p)) {
+    if (!is(*p, kStartsName)) {
         return nullptr;
     }
     const char* end = p + 1;
-    while (continues_name(*end)) {
+    while (is(*end, kContinuesName)) {
         ++end;
     }
     name.assign(p, end);
@@ -353,9 +369,7 @@ const char* NTiXmlElement::ParseStartTag(const char* p, bool& has_content) {
             has_content = *p == '>';
             return p + (has_content ? 1 : 2);
         }
-        auto attribute = std::make_unique<NTiXmlAttribute>();
-        p = attribute->Parse(p);
-        Attributes().push_back(std::move(attribute));
+        p = Attributes().emplace_back().Parse(p);
     }
 }
 
@@ -365,11 +379,11 @@ const char* NTiXmlElement::Parse(const char* p) {
     return has_content ? NTiXmlContentParser().Parse(*this, SkipWhite(p), end) : end;
 }
 
-NTiXmlDoc::NTiXmlDoc(const std::string& source, bool is_file) : NTiXmlNode(NTiXmlNodeType::kDoc) {
+NTiXmlDoc::NTiXmlDoc(std::string source, bool is_file) : NTiXmlNode(NTiXmlNodeType::kDoc) {
     if (is_file) {
         ReadFile(source);
     } else {
-        Text() = source;
+        Text() = std::move(source);
     }
 }
 

@@ -1,9 +1,9 @@
 #include "common/tinyxml.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdlib>
 #include <cstring>
-#include <iterator>
 #include <limits>
 #include <new>
 #include <stdexcept>
@@ -13,28 +13,35 @@ namespace {
 
 constexpr std::uint32_t kSpareCapacity = 1024;
 
-// The entity of one of the five characters.
-std::string_view entity_text(char c) {
-    const auto* entity = std::find_if(std::begin(kNTiXmlEntities), std::end(kNTiXmlEntities),
-                                      [c](const NTiXmlEntity& e) { return e.character == c; });
-    return entity->text;
+// How much longer than the byte itself its escaped form is: 0 for all but the entities' characters.
+constexpr std::array<std::uint8_t, 256> kGrowth = [] {
+    std::array<std::uint8_t, 256> growth{};
+    for (const NTiXmlEntity& entity : kNTiXmlEntities) {
+        growth[static_cast<unsigned char>(entity.character)] =
+            static_cast<std::uint8_t>(entity.text.size() - 1);
+    }
+    return growth;
+}();
+
+std::uint8_t growth_of(char c) {
+    return kGrowth[static_cast<unsigned char>(c)];
 }
 
-// Appends `text` with the entities' characters replaced, the stretches between them in one piece. A
-// NUL ends the text, not only the stretch that it stands in; what is behind it is only counted.
-void append_escaped(NTiXmlOutBuffer& out, std::string_view text) {
-    const std::size_t end = std::min(text.find('\0'), text.size());
-    std::size_t start = 0;
-    for (;;) {
-        const std::size_t at = std::min(text.find_first_of("&<>\"'", start), end);
-        if (at == end) {
-            out.Append(text.substr(start));
-            return;
+char* write_entity(char* at, char c) {
+    for (const NTiXmlEntity& entity : kNTiXmlEntities) {
+        if (entity.character == c) {
+            at = std::copy(entity.text.begin(), entity.text.end(), at);
         }
-        out.Append(text.substr(start, at - start));
-        out.Append(entity_text(text[at]));
-        start = at + 1;
     }
+    return at;
+}
+
+std::size_t escaped_size(std::string_view text) {
+    std::size_t size = text.size();
+    for (const char c : text) {
+        size += growth_of(c);
+    }
+    return size;
 }
 
 void append_indentation(NTiXmlOutBuffer& out, int depth) {
@@ -44,9 +51,9 @@ void append_indentation(NTiXmlOutBuffer& out, int depth) {
 void append_field(NTiXmlOutBuffer& out, std::string_view name, const std::string& value) {
     if (!value.empty()) {
         out.Append(name);
-        out.Append("=\"");
+        out.AppendMarkup("=\"");
         out.Append(value);
-        out.Append("\" ");
+        out.AppendMarkup("\" ");
     }
 }
 
@@ -56,22 +63,17 @@ void NTiXmlOutBuffer::Freer::operator()(char* text) const {
     std::free(text);
 }
 
-char* NTiXmlOutBuffer::Reserve(std::size_t count) {
+void NTiXmlOutBuffer::GrowCapacity(std::size_t count) {
     if (count > std::numeric_limits<std::uint32_t>::max() - kSpareCapacity - length_) {
         throw std::length_error("XML text of 4 GiB or more");
     }
-    length_ += static_cast<std::uint32_t>(count);
-    if (length_ >= capacity_) {
-        capacity_ = length_ + kSpareCapacity;
-        Grow();
+    capacity_ = length_ + static_cast<std::uint32_t>(count) + kSpareCapacity;
+    if (capacity_ > allocated_) {
+        GrowMemory();
     }
-    return text_.get() + end_;
 }
 
-void NTiXmlOutBuffer::Grow() {
-    if (capacity_ <= allocated_) {
-        return;
-    }
+void NTiXmlOutBuffer::GrowMemory() {
     const std::size_t size = std::max<std::size_t>(capacity_, allocated_ * 2);
     char* grown = static_cast<char*>(std::realloc(text_.get(), size));
     if (grown == nullptr) {
@@ -83,81 +85,91 @@ void NTiXmlOutBuffer::Grow() {
 }
 
 void NTiXmlOutBuffer::Append(std::string_view text) {
+    const std::string_view written = text.substr(0, text.find('\0'));
     char* at = Reserve(text.size());
-    const std::size_t size = std::min(text.find('\0'), text.size());
-    std::copy_n(text.data(), size, at);
-    at[size] = '\0';
-    end_ += size;
+    End(std::copy(written.begin(), written.end(), at));
+}
+
+void NTiXmlOutBuffer::AppendEscaped(std::string_view text) {
+    const std::string_view written = text.substr(0, text.find('\0'));
+    char* at = Reserve(escaped_size(written) + (text.size() - written.size()));
+    for (const char c : written) {
+        if (growth_of(c) == 0) {
+            *at++ = c;
+        } else {
+            at = write_entity(at, c);
+        }
+    }
+    End(at);
 }
 
 void NTiXmlOutBuffer::AppendBlanks(std::size_t count) {
     char* at = Reserve(count);
     std::memset(at, ' ', count);
-    at[count] = '\0';
-    end_ += count;
+    End(at + count);
 }
 
 void NTiXmlDeclaration::Print(NTiXmlOutBuffer& out, int depth) const {
     append_indentation(out, depth);
-    out.Append("<?xml ");
+    out.AppendMarkup("<?xml ");
     append_field(out, "version", Version());
     append_field(out, "encoding", Encoding());
     append_field(out, "standalone", Standalone());
-    out.Append("?>\n");
+    out.AppendMarkup("?>\n");
 }
 
 void NTiXmlComment::Print(NTiXmlOutBuffer& out, int depth) const {
     append_indentation(out, depth);
-    out.Append("<!-- ");
+    out.AppendMarkup("<!-- ");
     if (!Text().empty()) {
         out.Append(Text());
-        out.Append(" ");
+        out.AppendMarkup(" ");
     }
-    out.Append("-->\n");
+    out.AppendMarkup("-->\n");
 }
 
 void NTiXmlExtra::Print(NTiXmlOutBuffer& out, int depth) const {
     append_indentation(out, depth);
-    out.Append("<");
+    out.AppendMarkup("<");
     out.Append(Text());
-    out.Append(">\n");
+    out.AppendMarkup(">\n");
 }
 
 // Everything up to where the first child goes, or the whole element when it has none. True when
 // children and the end tag are to come.
 bool NTiXmlElement::PrintStartTag(NTiXmlOutBuffer& out, int depth) const {
     append_indentation(out, depth);
-    out.Append("<");
+    out.AppendMarkup("<");
     out.Append(name_);
-    for (const auto& attribute : Attributes()) {
-        out.Append(" ");
-        out.Append(attribute->Name());
-        out.Append("=\"");
-        append_escaped(out, attribute->Value());
-        out.Append("\"");
+    for (const NTiXmlAttribute& attribute : Attributes()) {
+        out.AppendMarkup(" ");
+        out.Append(attribute.Name());
+        out.AppendMarkup("=\"");
+        out.AppendEscaped(attribute.Value());
+        out.AppendMarkup("\"");
     }
     if (!children_.empty()) {
         // Only a childless element's text is escaped; readers of these files count on it.
-        out.Append(">");
+        out.AppendMarkup(">");
         out.Append(Text());
-        out.Append("\n");
+        out.AppendMarkup("\n");
         return true;
     }
     if (Text().empty()) {
-        out.Append("/>\n");
+        out.AppendMarkup("/>\n");
         return false;
     }
-    out.Append(">");
-    append_escaped(out, Text());
+    out.AppendMarkup(">");
+    out.AppendEscaped(Text());
     PrintEndTag(out, 0);
     return false;
 }
 
 void NTiXmlElement::PrintEndTag(NTiXmlOutBuffer& out, int depth) const {
     append_indentation(out, depth);
-    out.Append("</");
+    out.AppendMarkup("</");
     out.Append(name_);
-    out.Append(">\n");
+    out.AppendMarkup(">\n");
 }
 
 void NTiXmlElement::Print(NTiXmlOutBuffer& out, int depth) const {

@@ -14,6 +14,7 @@
 #include <cstring>
 #include <memory>
 #include <stdexcept>
+#include <utility>
 
 namespace {
 
@@ -126,60 +127,6 @@ const std::string get_conn_label(const std::string& type, const NTiXmlElement* p
 
 // Export: from the registry into a connections file.
 
-int get_conn(const std::string& type, const std::string& file, const std::string& /*user*/,
-             const std::string& /*password*/) {
-    NTiXmlElement root;
-    root.Name() = type;
-    const std::string registry_type = to_registry_type(type);
-    const int result = current_image_type() == kNewerLayoutType
-                           ? clone_conn_python(&root, registry_type)
-                           : clone_conn(&root, registry_type);
-    if (result != kSuccess) {
-        return result;
-    }
-    const std::string text = ToString(root);
-    const bool written = text.size() <= INT_MAX &&
-                         writefile(file.c_str(), text.c_str(), static_cast<int>(text.size()));
-    return written ? kSuccess : kConnectionsFileUnwritable;
-}
-
-int clone_conn(NTiXmlElement* pRoot, const std::string& type) {
-    check_argument(pRoot != nullptr, "pRoot",
-                   {kUnit, __LINE__, "int clone_conn(NTiXmlElement*, const std::string&)"});
-    const std::string registry_path = kConnTypePath + type;
-    const std::string file = export_file(type);
-    const std::string export_command =
-        format_command(kExportCommandLimit, "rm -f %s;regsh export %s %s", file.c_str(),
-                       registry_path.c_str(), file.c_str());
-    if (command_status(export_command) != 0) {
-        return kExportFailed;
-    }
-    std::string text;
-    if (!readfile(file.c_str(), text)) {
-        return kExportUnreadable;
-    }
-    const int result = parse_conn(type, pRoot, text);
-    // After a failure the file stays for inspection.
-    if (result == kSuccess) {
-        command_status(format_command(kExportCommandLimit, "rm -f %s", file.c_str()));
-    }
-    return result;
-}
-
-int clone_conn_python(NTiXmlElement* pRoot, const std::string& type) {
-    check_argument(pRoot != nullptr, "pRoot",
-                   {kUnit, __LINE__, "int clone_conn_python(NTiXmlElement*, const std::string&)"});
-    std::string value;
-    query_registry_value(kGetDefaultConnection, value);
-    run_options.default_connection = value;
-    const bool names_default = value.find("Default") != std::string::npos;
-    const bool names_type = value.find(type) != std::string::npos;
-    if (names_default && !names_type) {
-        return kSuccess;
-    }
-    return clone_conn(pRoot, type);
-}
-
 namespace {
 
 // The names by which the terminal emulator's session is known to a connection directory.
@@ -265,18 +212,15 @@ int attach_sessions_guarded(NTiXmlElement& file_root, const NTiXmlElement& expor
     return kSuccess;
 }
 
-}  // namespace
-
-int parse_conn(const std::string& type, NTiXmlElement* pRoot, const std::string& exportText) {
-    check_argument(pRoot != nullptr, "pRoot",
-                   {kUnit, __LINE__,
-                    "int parse_conn(const std::string&, NTiXmlElement*, const std::string&)"});
+// What parse_conn does with a text that need not be kept: exports are large.
+int parse_export_text(const std::string& type, NTiXmlElement& file_root, std::string text) {
     // A banner or blank lines ahead of the document do no harm.
-    const std::size_t start = exportText.find('<');
+    const std::size_t start = text.find('<');
     if (start == std::string::npos) {
         throw std::out_of_range("the registry export " + export_file(type) + " holds no \"<\"");
     }
-    NTiXmlDoc document(exportText.substr(start), false);
+    text.erase(0, start);
+    NTiXmlDoc document(std::move(text), false);
     const NTiXmlElement* root = nullptr;
     try {
         document.Parse(nullptr);
@@ -284,14 +228,78 @@ int parse_conn(const std::string& type, NTiXmlElement* pRoot, const std::string&
         if (root == nullptr) {
             return kSuccess;
         }
-        if (add_conn(type, pRoot, root)) {
-            pRoot->AddChildElement("General", ToString(*root));
+        if (add_conn(type, &file_root, root)) {
+            file_root.AddChildElement("General", "")->Text() = ToString(*root);
         }
     } catch (const std::exception&) {
         tell("Failed to parse the exported registry information.\n");
         return kDocumentUnusable;
     }
-    return type == kTerminalType ? attach_sessions_guarded(*pRoot, *root) : int{kSuccess};
+    return type == kTerminalType ? attach_sessions_guarded(file_root, *root) : int{kSuccess};
+}
+
+}  // namespace
+
+int get_conn(const std::string& type, const std::string& file, const std::string& /*user*/,
+             const std::string& /*password*/) {
+    NTiXmlElement root;
+    root.Name() = type;
+    const std::string registry_type = to_registry_type(type);
+    const int result = current_image_type() == kNewerLayoutType
+                           ? clone_conn_python(&root, registry_type)
+                           : clone_conn(&root, registry_type);
+    if (result != kSuccess) {
+        return result;
+    }
+    NTiXmlOutBuffer text;
+    root.Print(text, 0);
+    const bool written = text.TextSize() <= INT_MAX &&
+                         writefile(file.c_str(), text.Text(), static_cast<int>(text.TextSize()));
+    return written ? kSuccess : kConnectionsFileUnwritable;
+}
+
+int clone_conn(NTiXmlElement* pRoot, const std::string& type) {
+    check_argument(pRoot != nullptr, "pRoot",
+                   {kUnit, __LINE__, "int clone_conn(NTiXmlElement*, const std::string&)"});
+    const std::string registry_path = kConnTypePath + type;
+    const std::string file = export_file(type);
+    const std::string export_command =
+        format_command(kExportCommandLimit, "rm -f %s;regsh export %s %s", file.c_str(),
+                       registry_path.c_str(), file.c_str());
+    if (command_status(export_command) != 0) {
+        return kExportFailed;
+    }
+    std::string text;
+    if (!readfile(file.c_str(), text)) {
+        return kExportUnreadable;
+    }
+    const int result = parse_export_text(type, *pRoot, std::move(text));
+    // After a failure the file stays for inspection.
+    if (result == kSuccess) {
+        command_status(format_command(kExportCommandLimit, "rm -f %s", file.c_str()));
+    }
+    return result;
+}
+
+int clone_conn_python(NTiXmlElement* pRoot, const std::string& type) {
+    check_argument(pRoot != nullptr, "pRoot",
+                   {kUnit, __LINE__, "int clone_conn_python(NTiXmlElement*, const std::string&)"});
+    std::string value;
+    query_registry_value(kGetDefaultConnection, value);
+    run_options.default_connection = value;
+    const bool names_default = value.find("Default") != std::string::npos;
+    const bool names_type = value.find(type) != std::string::npos;
+    if (names_default && !names_type) {
+        return kSuccess;
+    }
+    return clone_conn(pRoot, type);
+}
+
+int parse_conn(const std::string& type, NTiXmlElement* pRoot, const std::string& exportText) {
+    check_argument(pRoot != nullptr, "pRoot",
+                   {kUnit, __LINE__,
+                    "int parse_conn(const std::string&, NTiXmlElement*, const std::string&)"});
+    return parse_export_text(type, *pRoot, exportText);
 }
 
 bool add_conn(const std::string& type, NTiXmlElement* pRoot, const NTiXmlElement* pEle) {

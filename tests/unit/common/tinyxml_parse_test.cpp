@@ -84,7 +84,7 @@ void describe(const NTiXmlNode& node, std::string& out) {
         out += ' ' + element->Name();
         const AttributeReader reader(node);
         for (const auto& attribute : reader.Attributes()) {
-            out += " {" + attribute->Name() + "=" + attribute->Value() + "}";
+            out += " {" + attribute.Name() + "=" + attribute.Value() + "}";
         }
     }
     out += " '" + node.Text() + "' ";

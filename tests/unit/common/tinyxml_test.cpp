@@ -29,7 +29,7 @@ std::vector<std::string> attributes_of(const NTiXmlNode& node) {
     node.CopyAttributesTo(&copy);
     std::vector<std::string> all;
     for (const auto& attribute : copy.Attributes()) {
-        all.push_back(attribute->Name() + "=" + attribute->Value());
+        all.push_back(attribute.Name() + "=" + attribute.Value());
     }
     return all;
 }
