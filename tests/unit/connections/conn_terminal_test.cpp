@@ -15,7 +15,8 @@ long allocations_left = -1;
 
 }  // namespace
 
-void* operator new(std::size_t size) {
+// Not inlined: the compiler would take malloc and free for a mismatch with the callers' operators.
+[[gnu::noinline]] void* operator new(std::size_t size) {
     if (allocations_left == 0) {
         throw std::bad_alloc();
     }
@@ -28,10 +29,10 @@ void* operator new(std::size_t size) {
     }
     return memory;
 }
-void operator delete(void* memory) noexcept {
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
     std::free(memory);
 }
-void operator delete(void* memory, std::size_t) noexcept {
+[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
     std::free(memory);
 }
 
