@@ -459,7 +459,7 @@ def test_the_removal_is_cut_at_1022_characters_too(device, get):
 def test_any_allocation_may_fail(device, programs):
     """Every run ends by a result code or with a last word, and never leaves half a file."""
     exports(default_is(device.recorder(), "id-1"), TWO)
-    whole = file_for("RDP", TWO, named("Office", ("Default", "yes")), named("Home"))
+    whole = file_for("RDP", export_with(connection("id-1", "Office")), named("Office"))
     settings = preload(programs)
     script = """
         number=0
@@ -473,7 +473,7 @@ def test_any_allocation_may_fail(device, programs):
             echo $status
             [ $status -ne 0 ] || break
         done"""
-    result = device.run("sh", "-c", script, zero=True,
+    result = device.run("sh", "-c", script, image_type=6,
                         env={"SHIM": settings["LD_PRELOAD"],
                              "ASAN_OPTIONS": settings["ASAN_OPTIONS"]})
     statuses = [int(line) for line in result.stdout.split()]
