@@ -474,8 +474,7 @@ def test_any_allocation_may_fail(device, programs):
             [ $status -ne 0 ] || break
         done"""
     result = device.run("sh", "-c", script, image_type=6,
-                        env={"SHIM": settings["LD_PRELOAD"],
-                             "ASAN_OPTIONS": settings["ASAN_OPTIONS"]})
+                        env={**settings, "SHIM": settings["LD_PRELOAD"]})
     statuses = [int(line) for line in result.stdout.split()]
     assert statuses[-1] == 0 and len(statuses) > 50
     for number, status in enumerate(statuses, 1):
