@@ -3,10 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-void check_argument(bool holds, const char* name, const CheckedPlace& place) {
-    if (holds) {
-        return;
-    }
+void abort_on_argument(const char* name, const CheckedPlace& place) {
     std::fprintf(stderr, "corvik: %s:%d: %s: Assertion `%s' failed.\n", place.unit, place.line,
                  place.function, name);
     std::abort();

@@ -11,6 +11,12 @@ struct CheckedPlace {
     const char* function;
 };
 
-// Returns when `holds` is true. Otherwise writes
-// "corvik: UNIT:LINE: FUNCTION: Assertion `NAME' failed.\n" to standard error and aborts.
-void check_argument(bool holds, const char* name, const CheckedPlace& place);
+// Writes "corvik: UNIT:LINE: FUNCTION: Assertion `NAME' failed.\n" to standard error and aborts.
+[[noreturn]] void abort_on_argument(const char* name, const CheckedPlace& place);
+
+// Returns when `holds` is true, and ends the process as above when it is not.
+inline void check_argument(bool holds, const char* name, const CheckedPlace& place) {
+    if (!holds) {
+        abort_on_argument(name, place);
+    }
+}

@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 
 // The XML tree of the program: what it reads from and writes to registry exports, connections files
 // and session files. It accepts a small dialect (element text before the first child, numeric
@@ -127,8 +128,8 @@ public:
 class NTiXmlAttribute : public NTiXmlBase {
 public:
     NTiXmlAttribute() = default;
-    NTiXmlAttribute(const std::string& name, const std::string& value)
-        : name_(name), value_(value) {}
+    NTiXmlAttribute(std::string name, std::string value)
+        : name_(std::move(name)), value_(std::move(value)) {}
 
     // `p` may be null here; it then throws with the failure text "null point".
     const char* Parse(const char* p) override;

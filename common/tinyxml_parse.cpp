@@ -43,7 +43,7 @@ constexpr std::array<std::uint8_t, 256> kCharacterClasses = [] {
     mark("_:", kStartsName | kContinuesName);
     mark("0123456789-.", kContinuesName);
     mark("<>&", kEndsRun);
-    mark(std::string_view("", 1), kEndsRun);
+    mark(std::string_view("\0", 1), kEndsRun);
     return classes;
 }();
 

@@ -74,7 +74,7 @@ std::string read_xml_file_string(const std::string& file) {
         std::fprintf(stderr, "read file %s fail\n", file.c_str());
         return "";
     }
-    NTiXmlDoc document(content, false);
+    NTiXmlDoc document(std::move(content), false);
     try {
         document.Parse(nullptr);
     } catch (const std::exception&) {

@@ -5,7 +5,6 @@
 #include "common/string_tokens.h"
 #include "platform/command_runner.h"
 
-#include <string.h>
 #include <sys/types.h>
 
 #include <algorithm>
@@ -13,6 +12,7 @@
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <string_view>
 #include <utility>
