@@ -1,11 +1,11 @@
 #include "common/string_tokens.h"
 
 #include "common/argument_check.h"
+#include "common/xml_entities.h"
 
 #include <algorithm>
 #include <array>
 #include <cctype>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
@@ -13,18 +13,7 @@
 
 namespace {
 
-struct Entity {
-    char character;
-    std::string_view text;
-};
-constexpr std::array<Entity, 5> kEntities{{
-    {'&', "&amp;"},
-    {'<', "&lt;"},
-    {'>', "&gt;"},
-    {'"', "&quot;"},
-    {'\'', "&apos;"},
-}};
-
+constexpr const char* kUnit = "common/string_tokens";
 constexpr std::string_view kUpperDigits = "0123456789ABCDEF";
 constexpr std::string_view kLowerDigits = "0123456789abcdef";
 constexpr int kHexadecimal = 16;
@@ -79,8 +68,8 @@ void append_control(std::string& out, char c, bool percent_form) {
     }
 }
 
-const Entity* find_entity(char c) {
-    for (const Entity& entity : kEntities) {
+const XmlEntity* find_entity(char c) {
+    for (const XmlEntity& entity : kXmlEntities) {
         if (entity.character == c) {
             return &entity;
         }
@@ -91,7 +80,10 @@ const Entity* find_entity(char c) {
 }  // namespace
 
 StringTokens::StringTokens(const char* text, int max_splits, const char* delimiters)
-    : text_(text == nullptr ? "" : text), delimiters_(delimiters) {
+    : text_(text == nullptr ? "" : text) {
+    check_argument(delimiters != nullptr, "delimiters",
+                   {kUnit, 12, "StringTokens::StringTokens(const char*, int, const char*)"});
+    delimiters_ = delimiters;
     split(max_splits);
 }
 
@@ -110,7 +102,7 @@ void StringTokens::split(int max_splits) {
 
 std::string StringTokens::getToken(int index) const {
     check_argument(index >= 0 && index < count(), "index < (int)tokens.size ()",
-                   {"common/string_tokens", 25, "std::string StringTokens::getToken(int)"});
+                   {kUnit, 25, "std::string StringTokens::getToken(int)"});
     return tokens_[static_cast<std::size_t>(index)];
 }
 
@@ -185,7 +177,7 @@ std::string escape_xml_text(const char* text, bool percent_form) {
         return out;
     }
     for (; *text != '\0'; ++text) {
-        if (const Entity* entity = find_entity(*text)) {
+        if (const XmlEntity* entity = find_entity(*text)) {
             out += entity->text;
         } else if (is_control(*text)) {
             append_control(out, *text, percent_form);

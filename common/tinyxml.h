@@ -322,15 +322,6 @@ private:
 // The node printed at depth 0.
 std::string ToString(const NTiXmlNode& node);
 
-// The five characters that stand as entities in text and attribute values.
-struct NTiXmlEntity {
-    std::string_view text;  // with "&" and ";"
-    char character;
-};
-inline constexpr NTiXmlEntity kNTiXmlEntities[] = {
-    {"&amp;", '&'}, {"&lt;", '<'}, {"&gt;", '>'}, {"&quot;", '"'}, {"&apos;", '\''},
-};
-
 // Reading steps that the node kinds share. Positions are NUL-terminated text.
 
 // White space is what isspace takes in the C locale.

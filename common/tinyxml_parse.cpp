@@ -1,5 +1,6 @@
 #include "common/file_handle.h"
 #include "common/tinyxml.h"
+#include "common/xml_entities.h"
 
 #include <array>
 #include <cstdint>
@@ -66,7 +67,7 @@ char lower_case(char c) {
 // Appends the character that an entity at p stands for, or "&" itself, and returns the position
 // behind what was taken.
 const char* append_entity(const char* p, std::string& out) {
-    for (const NTiXmlEntity& entity : kNTiXmlEntities) {
+    for (const XmlEntity& entity : kXmlEntities) {
         if (StringEqual(p, entity.text, false)) {
             out += entity.character;
             return p + entity.text.size();

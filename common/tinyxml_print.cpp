@@ -1,4 +1,5 @@
 #include "common/tinyxml.h"
+#include "common/xml_entities.h"
 
 #include <algorithm>
 #include <array>
@@ -16,7 +17,7 @@ constexpr std::uint32_t kSpareCapacity = 1024;
 // How much longer than the byte itself its escaped form is: 0 for all but the entities' characters.
 constexpr std::array<std::uint8_t, 256> kGrowth = [] {
     std::array<std::uint8_t, 256> growth{};
-    for (const NTiXmlEntity& entity : kNTiXmlEntities) {
+    for (const XmlEntity& entity : kXmlEntities) {
         growth[static_cast<unsigned char>(entity.character)] =
             static_cast<std::uint8_t>(entity.text.size() - 1);
     }
@@ -28,7 +29,7 @@ std::uint8_t growth_of(char c) {
 }
 
 char* write_entity(char* at, char c) {
-    for (const NTiXmlEntity& entity : kNTiXmlEntities) {
+    for (const XmlEntity& entity : kXmlEntities) {
         if (entity.character == c) {
             at = std::copy(entity.text.begin(), entity.text.end(), at);
         }

@@ -12,7 +12,8 @@
 // case-sensitive.
 //
 // The first lookup builds the table and asks the registry client up to four times which clients are
-// installed. A lookup on a device without an identity throws ImageIDException.
+// installed. On a device without an identity the lookup that builds the table throws
+// ImageIDException; the next one builds it again.
 
 // One row of the table: the image types it serves, and its pairs of (registry name, display name).
 struct ConnTypeMapSlot {

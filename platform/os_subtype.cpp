@@ -74,7 +74,7 @@ std::unique_ptr<OSSubType> create_os_subtype() {
     try {
         id = ImageID::current();
     } catch (const ImageIDException&) {
-        id = ImageID();
+        // Without an identity the device counts as the default one.
     }
     for (const VariantRow& row : kVariants) {
         if (row.type == id.type()) {

@@ -121,6 +121,13 @@ TEST(StringTokensDeathTest, AnyIndexIntoNoTokensIsAnAssertion) {
     EXPECT_EXIT(tokens.getToken(0), KilledBySignal(SIGABRT), Eq(kIndexAssertion));
 }
 
+TEST(StringTokensDeathTest, ANullDelimiterSetIsAnAssertion) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(StringTokens("a b", 0, nullptr), KilledBySignal(SIGABRT),
+                Eq("corvik: common/string_tokens:12: StringTokens::StringTokens(const char*, int, "
+                   "const char*): Assertion `delimiters' failed.\n"));
+}
+
 TEST(StringTokensDeathTest, ANegativeIndexIsAnAssertion) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     const StringTokens tokens("a b", 0, " ");

@@ -1,4 +1,5 @@
 #include "common/tinyxml.h"
+#include "common/xml_entities.h"
 #include "tests/unit/common/test_folder.h"
 
 #include <gmock/gmock.h>
@@ -247,7 +248,7 @@ TEST(TinyXmlSteps, ReadTextIsNullWhenTheTextEnds) {
 
 TEST(TinyXmlSteps, TheEntityTableHasItsFiveRowsInOrder) {
     std::string rows;
-    for (const NTiXmlEntity& entity : kNTiXmlEntities) {
+    for (const XmlEntity& entity : kXmlEntities) {
         rows += std::string(entity.text) + entity.character + ' ';
     }
     EXPECT_EQ(rows, "&amp;& &lt;< &gt;> &quot;\" &apos;' ");
