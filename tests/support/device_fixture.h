@@ -4,8 +4,10 @@
 
 #include <stdlib.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
 
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -27,6 +29,11 @@ inline void write_text(const std::filesystem::path& path, const std::string& con
     if (!stream.flush()) {
         throw std::runtime_error("cannot write " + path.string());
     }
+}
+
+// Whether this process has waited for everything that it started.
+inline bool has_no_child() {
+    return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD;
 }
 
 // Takes this process, and what it starts, the right to open anything more, for as long as it lives.

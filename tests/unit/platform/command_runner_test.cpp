@@ -2,11 +2,13 @@
 
 #include "common/file_handle.h"
 #include "tests/support/device_fixture.h"
+#include "tests/unit/platform/failing_calls.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -18,17 +20,6 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-// Which of the next system calls of this process fail. They stand in this program's own symbols,
-// which come before the C library's; a child inherits the settings.
-struct FailingCalls {
-    bool fork = false;
-    bool fdopen = false;
-    bool execv = false;
-    int interrupted_waits = 0;
-};
-
-FailingCalls failing;
-
 template <typename Function>
 Function* next(const char* name) {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
@@ -36,10 +27,16 @@ Function* next(const char* name) {
 
 }  // namespace
 
+FailingCalls& failing_calls() {
+    static FailingCalls calls;
+    return calls;
+}
+
+// The program's own symbols come before the C library's.
 extern "C" {
 
 pid_t fork() noexcept {
-    if (failing.fork) {
+    if (failing_calls().fork) {
         errno = EAGAIN;
         return -1;
     }
@@ -47,7 +44,7 @@ pid_t fork() noexcept {
 }
 
 FILE* fdopen(int descriptor, const char* mode) noexcept {
-    if (failing.fdopen) {
+    if (failing_calls().fdopen) {
         errno = ENOMEM;
         return nullptr;
     }
@@ -55,7 +52,7 @@ FILE* fdopen(int descriptor, const char* mode) noexcept {
 }
 
 int execv(const char* path, char* const* arguments) noexcept {
-    if (failing.execv) {
+    if (failing_calls().execv) {
         errno = ENOENT;
         return -1;
     }
@@ -63,8 +60,8 @@ int execv(const char* path, char* const* arguments) noexcept {
 }
 
 pid_t waitpid(pid_t process, int* status, int options) {
-    if (failing.interrupted_waits > 0) {
-        --failing.interrupted_waits;
+    if (failing_calls().interrupted_waits > 0) {
+        --failing_calls().interrupted_waits;
         errno = EINTR;
         return -1;
     }
@@ -78,7 +75,7 @@ namespace {
 class CommandRunner : public DeviceTest {
 protected:
     void TearDown() override {
-        failing = FailingCalls{};
+        failing_calls() = FailingCalls{};
         DeviceTest::TearDown();
     }
 };
@@ -102,10 +99,6 @@ std::vector<std::string> all_lines(const std::string& command) {
     std::vector<std::string> lines = {"untouched"};
     EXPECT_TRUE(read_all_lines(command, lines)) << command;
     return lines;
-}
-
-bool has_no_child() {
-    return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD;
 }
 
 int lowest_free_descriptor() {
@@ -424,7 +417,7 @@ TEST_F(ShellExec, OutputIsInherited) {
 }
 
 TEST_F(ShellExec, WhenForkFailsIsMinusOne) {
-    failing.fork = true;
+    failing_calls().fork = true;
     EXPECT_EQ(shell_exec("exit 0"), -1);
     EXPECT_EQ(shell_exec_raw("exit 0"), -1);
 }
@@ -437,19 +430,19 @@ TEST_F(ShellExec, WhenWaitingFailsIsMinusOne) {
 }
 
 TEST_F(ShellExec, WaitsAgainWhenInterrupted) {
-    failing.interrupted_waits = 2;
+    failing_calls().interrupted_waits = 2;
     EXPECT_EQ(shell_exec("exit 6"), 6);
-    EXPECT_EQ(failing.interrupted_waits, 0);
+    EXPECT_EQ(failing_calls().interrupted_waits, 0);
 }
 
 TEST_F(ShellExec, WithoutShellIs127) {
-    failing.execv = true;
+    failing_calls().execv = true;
     EXPECT_EQ(shell_exec("exit 0"), 127);
 }
 
 TEST_F(ShellExec, WithoutShellPrintsBufferedTextOnce) {
     EXPECT_EQ(captured_stdout([] {
-                  failing.execv = true;
+                  failing_calls().execv = true;
                   std::printf("buffered ");
                   shell_exec("exit 0");
                   std::printf("text");
@@ -458,7 +451,7 @@ TEST_F(ShellExec, WithoutShellPrintsBufferedTextOnce) {
 }
 
 TEST_F(ShellExec, RawOfNullIsOne) {
-    failing.fork = true;
+    failing_calls().fork = true;
     EXPECT_EQ(shell_exec_raw(nullptr), 1);
 }
 
@@ -508,7 +501,7 @@ TEST_F(ShellPopen, OfKilledShellIsMinusOne) {
 }
 
 TEST_F(ShellPopen, WithoutShellIs127) {
-    failing.execv = true;
+    failing_calls().execv = true;
     EXPECT_EQ(piped("echo out"), (Outcome{0, "", 127}));
 }
 
@@ -526,14 +519,14 @@ TEST_F(ShellPopen, WithoutPipeIsOne) {
 
 TEST_F(ShellPopen, WhenForkFailsIsMinusOneAndNothingStaysOpen) {
     const int before = lowest_free_descriptor();
-    failing.fork = true;
+    failing_calls().fork = true;
     EXPECT_EQ(piped("echo out").started, -1);
     EXPECT_EQ(lowest_free_descriptor(), before);
 }
 
 TEST_F(ShellPopen, WithoutStreamIsOneAndNothingStaysOpen) {
     const int before = lowest_free_descriptor();
-    failing.fdopen = true;
+    failing_calls().fdopen = true;
     std::FILE* stream = nullptr;
     pid_t process = -1;
     EXPECT_EQ(shell_popen(stream, process, "exit 3"), 1);
@@ -541,10 +534,12 @@ TEST_F(ShellPopen, WithoutStreamIsOneAndNothingStaysOpen) {
     EXPECT_EQ(shell_wait(process), 3);
 }
 
-// Standard descriptors that are closed while it lives.
+// A standard descriptor that is closed while it lives. The copy must not land on another closed
+// one, which is to stay free.
 class ClosedDescriptor {
 public:
-    explicit ClosedDescriptor(int descriptor) : descriptor_(descriptor), copy_(dup(descriptor)) {
+    explicit ClosedDescriptor(int descriptor)
+        : descriptor_(descriptor), copy_(fcntl(descriptor, F_DUPFD, 10)) {
         close(descriptor_);
     }
     ~ClosedDescriptor() {
@@ -560,14 +555,22 @@ private:
 };
 
 TEST_F(ShellPopen, WhenStandardOutputIsClosed) {
-    const ClosedDescriptor output(STDOUT_FILENO);
-    EXPECT_EQ(piped("echo out; echo no >&2"), (Outcome{0, "out\nno\n", 0}));
+    Outcome outcome;
+    {
+        const ClosedDescriptor output(STDOUT_FILENO);
+        outcome = piped("echo out; echo no >&2");
+    }
+    EXPECT_EQ(outcome, (Outcome{0, "out\nno\n", 0}));
 }
 
 TEST_F(ShellPopen, WhenThePipeEndsOnStandardOutput) {
-    const ClosedDescriptor input(STDIN_FILENO);
-    const ClosedDescriptor output(STDOUT_FILENO);
-    EXPECT_EQ(piped("echo out"), (Outcome{0, "out\n", 0}));
+    Outcome outcome;
+    {
+        const ClosedDescriptor input(STDIN_FILENO);
+        const ClosedDescriptor output(STDOUT_FILENO);
+        outcome = piped("echo out");
+    }
+    EXPECT_EQ(outcome, (Outcome{0, "out\n", 0}));
 }
 
 TEST_F(ShellWait, ForNoChildIsMinusOne) {
@@ -575,9 +578,9 @@ TEST_F(ShellWait, ForNoChildIsMinusOne) {
 }
 
 TEST_F(ShellWait, WaitsAgainWhenInterrupted) {
-    failing.interrupted_waits = 2;
+    failing_calls().interrupted_waits = 2;
     EXPECT_EQ(piped("exit 6"), (Outcome{0, "", 6}));
-    EXPECT_EQ(failing.interrupted_waits, 0);
+    EXPECT_EQ(failing_calls().interrupted_waits, 0);
 }
 
 }  // namespace

@@ -349,6 +349,11 @@ TEST_F(SystemInfo, LaterLineOverwrites) {
         Of("PRODUCT_NAME=\"Sylvex\"\nPRODUCT_VERSION=\"6.1\"\nPRODUCT_VERSION=\"\"\n").valid());
 }
 
+TEST_F(SystemInfo, FirstOfTheSameKeyInALineCounts) {
+    EXPECT_EQ(
+        Of("PRODUCT_NAME=\"Sylvex\"\nPRODUCT_VERSION=\"6.1\" PRODUCT_VERSION=\"4.1\"\n").type(), 9);
+}
+
 TEST_F(SystemInfo, FirstKeyOfALineTakesIt) {
     // Name before configuration before version, wherever they stand in the line.
     const std::string start = "PRODUCT_CONFIG=\"\"\nPRODUCT_VERSION=\"6.1\"\n";

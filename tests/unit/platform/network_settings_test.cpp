@@ -1,6 +1,7 @@
 #include "platform/network_settings.h"
 
 #include "tests/support/device_fixture.h"
+#include "tests/unit/platform/failing_calls.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -167,43 +168,78 @@ TEST_F(NetworkSettings, OnlyTheLastBlockOfTheListingCounts) {
     EXPECT_EQ(find_wired_connection(), 1);
 }
 
+TEST_F(NetworkSettings, ListingThatFillsItsBlockIsKept) {
+    const std::string path = "/org/freedesktop/NetworkManagerSettings/7\"";
+    SetReply(7, "");
+    SetListing(std::string(2048 - path.size(), ' ') + path);
+    EXPECT_EQ(find_wired_connection(), 7);
+}
+
 TEST_F(NetworkSettings, ListingEndsAtNul) {
     SetListing(std::string("a\0", 2) + listing_of({4}));
     EXPECT_EQ(find_wired_connection(), 0);
 }
 
+// The message of an action that finds a command impossible to start.
+template <typename Obstacle, typename Action>
+std::string message_under(Action action) {
+    return captured_stdout([&] {
+        const Obstacle obstacle;
+        action();
+    });
+}
+
 TEST_F(NetworkSettings, ListingThatCannotBeStarted) {
     SetListing(listing_of({4}));
+    const std::string message = "Failed to execute:" + std::string(kListCommand) + "\n";
     for (int (*find)() : {find_wired_connection, find_wireless_connection}) {
         int found = -1;
-        EXPECT_EQ(captured_stdout([&] {
-                      const NoMoreDescriptors limit;
-                      found = find();
-                  }),
-                  "Failed to execute:" + std::string(kListCommand) + "\n");
+        EXPECT_EQ(message_under<NoMoreDescriptors>([&] { found = find(); }), message);
+        EXPECT_EQ(found, 0);
+        found = -1;
+        EXPECT_EQ(message_under<NoMoreProcesses>([&] { found = find(); }), message);
         EXPECT_EQ(found, 0);
     }
     EXPECT_EQ(Asked(), "");
 }
 
 TEST_F(NetworkSettings, WiredTestThatCannotBeStarted) {
+    const std::string message = "Failed to execute:" + settings_command(4) + "\n";
     bool wired = false;
-    EXPECT_EQ(captured_stdout([&] {
-                  const NoMoreDescriptors limit;
-                  wired = is_wired_connection(4);
-              }),
-              "Failed to execute:" + settings_command(4) + "\n");
+    EXPECT_EQ(message_under<NoMoreDescriptors>([&] { wired = is_wired_connection(4); }), message);
+    EXPECT_TRUE(wired);
+    wired = false;
+    EXPECT_EQ(message_under<NoMoreProcesses>([&] { wired = is_wired_connection(4); }), message);
     EXPECT_TRUE(wired);
 }
 
 TEST_F(NetworkSettings, WirelessTestThatCannotBeStarted) {
+    const std::string message = "Failed to execute " + settings_command(4) + "\n";
     bool wireless = true;
-    EXPECT_EQ(captured_stdout([&] {
-                  const NoMoreDescriptors limit;
-                  wireless = is_wireless_connection(4);
-              }),
-              "Failed to execute " + settings_command(4) + "\n");
+    EXPECT_EQ(message_under<NoMoreDescriptors>([&] { wireless = is_wireless_connection(4); }),
+              message);
     EXPECT_FALSE(wireless);
+    wireless = true;
+    EXPECT_EQ(message_under<NoMoreProcesses>([&] { wireless = is_wireless_connection(4); }),
+              message);
+    EXPECT_FALSE(wireless);
+}
+
+TEST_F(NetworkSettings, FindingAConnectionLeavesNoChild) {
+    SetListing(listing_of({}));
+    find_wired_connection();
+    EXPECT_TRUE(has_no_child());
+}
+
+TEST_F(NetworkSettings, TestingAConnectionLeavesNoChild) {
+    SetReply(4, kWired);
+    is_wired_connection(4);
+    EXPECT_TRUE(has_no_child());
+}
+
+TEST_F(NetworkSettings, AskingForASettingLeavesNoChild) {
+    Setting("id", entry("id", "x"));
+    EXPECT_TRUE(has_no_child());
 }
 
 TEST_F(NetworkSettings, TestsAskForPositionZero) {
@@ -343,14 +379,18 @@ TEST_F(NetworkSettings, OnlyTheLastBlockOfASettingReplyCounts) {
     EXPECT_EQ(Setting("type", std::string(4095, ' ') + next), "");
 }
 
+TEST_F(NetworkSettings, SettingReplyThatFillsItsBlockIsKept) {
+    const std::string setting = entry("id", "x");
+    EXPECT_EQ(Setting("id", std::string(4096 - setting.size() - 1, ' ') + "\n" + setting), "x");
+}
+
 TEST_F(NetworkSettings, SettingThatCannotBeAskedFor) {
-    std::array<char, 16> value{};
-    EXPECT_EQ(captured_stdout([&] {
-                  const NoMoreDescriptors limit;
-                  get_connection_setting(4, "id", value.data());
-              }),
-              "Failed to execute:" + settings_command(4) + "\n");
-    EXPECT_STREQ(value.data(), "");
+    const std::string message = "Failed to execute:" + settings_command(4) + "\n";
+    std::array<char, 16> value{"before"};
+    const auto ask = [&] { get_connection_setting(4, "id", value.data()); };
+    EXPECT_EQ(message_under<NoMoreDescriptors>(ask), message);
+    EXPECT_EQ(message_under<NoMoreProcesses>(ask), message);
+    EXPECT_STREQ(value.data(), "before");
 }
 
 }  // namespace
