@@ -39,7 +39,7 @@ std::filesystem::path find_program(const std::string& name, const std::string& p
     std::istringstream folders(path);
     std::string folder;
     while (!name.empty() && std::getline(folders, folder, ':')) {
-        const std::filesystem::path candidate = std::filesystem::path(folder) / name;
+        std::filesystem::path candidate = std::filesystem::path(folder) / name;
         if (is_program(candidate)) {
             return candidate;
         }

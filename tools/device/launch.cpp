@@ -109,6 +109,7 @@ void execute(const Plan& plan, const Way& way, const FileHandle& pipe) {
     std::vector<std::string> words = command_words(plan.options);
     const std::filesystem::path program = find_program(words.front(), plan.path);
     std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
     for (std::string& word : words) {
         arguments.push_back(word.data());
     }

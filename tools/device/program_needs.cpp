@@ -80,7 +80,7 @@ Paths libraries_of(const std::filesystem::path& program, const std::filesystem::
 
 std::filesystem::path find_system_program(const std::string& name) {
     for (const char* folder : {"/usr/local/bin", "/usr/bin", "/bin"}) {
-        const std::filesystem::path path = std::filesystem::path(folder) / name;
+        std::filesystem::path path = std::filesystem::path(folder) / name;
         if (access(path.c_str(), X_OK) == 0) {
             return path;
         }

@@ -175,7 +175,7 @@ void ProgramTree::put(const std::filesystem::path& file, const std::filesystem::
 
 std::filesystem::path ProgramTree::stored(const std::filesystem::path& file) {
     const std::string name = digest(fingerprint(file)) + "-" + file.filename().string();
-    const std::filesystem::path copy = store_ / name;
+    std::filesystem::path copy = store_ / name;
     if (access(copy.c_str(), F_OK) != 0) {
         copy_file(file, copy, 0755);
     }
