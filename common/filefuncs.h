@@ -12,7 +12,8 @@
 bool readfile(const char* szfile, std::string& content);
 
 // Writes `length` bytes (at most 2 GiB - 1) over the file, which is truncated first. True when all
-// of them reached the file: what the device did not take counts as not written.
+// of them reached the file: what the device did not take counts as not written. Never true for a
+// negative length.
 bool writefile(const char* szfile, const char* content, int length);
 
 // A new element "File", owned by the caller: its text is the file's bytes in upper-case

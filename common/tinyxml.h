@@ -10,8 +10,10 @@
 #include <utility>
 
 // The XML tree of the program: what it reads from and writes to registry exports, connections files
-// and session files. It accepts a small dialect (element text before the first child, numeric
-// character references and CDATA are not part of it) and throws NTiXmlException on anything else.
+// and session files. It accepts a small dialect and throws NTiXmlException on the rest. Differences
+// from other parsers: element text before the first child is refused, white space in text is
+// condensed, end tags match in any case, numeric character references stay as written, and markup
+// that is no element, comment or declaration (CDATA too) is kept up to its first ">".
 //
 // A node owns its attributes and children; deleting a document deletes the whole tree. Pointers
 // from lookups are borrowed and end with the node they point to. No operation recurses, so the
@@ -228,8 +230,8 @@ class NTiXmlElementCursor;
 
 class NTiXmlElement : public NTiXmlNode {
 public:
-    // Elements may be nested this deep; a deeper one is an "Element Parse error". Printing indents
-    // by depth, so an unbounded depth would let a short document print to gigabytes.
+    // Elements may be nested this deep; a deeper one is an "Element Parse error". No real document
+    // comes near it, and printing, which indents by depth, stays in proportion.
     static constexpr std::size_t kMaxDepth = 10000;
 
     NTiXmlElement() : NTiXmlNode(NTiXmlNodeType::kElement) {}
@@ -331,6 +333,6 @@ bool StringEqual(const char* p, std::string_view tag, bool ignore_case);
 // The position behind the name, or null when no name starts at p. It is the terminating NUL when
 // the text ends inside the name.
 const char* ReadName(const char* p, std::string& name);
-// The position behind end_tag, or null when the text ends or holds "<" or ">" before it. `out` gets
-// the text with white space condensed and entities decoded.
+// The position behind end_tag (whose first byte must be no letter), or null when the text ends or
+// holds "<" or ">" before it. `out` gets the text with white space condensed and entities decoded.
 const char* ReadText(const char* p, std::string& out, std::string_view end_tag);

@@ -1,5 +1,6 @@
-#include "common/file_handle.h"
 #include "common/tinyxml.h"
+
+#include "common/file_handle.h"
 #include "common/xml_entities.h"
 
 #include <array>

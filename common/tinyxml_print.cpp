@@ -1,4 +1,5 @@
 #include "common/tinyxml.h"
+
 #include "common/xml_entities.h"
 
 #include <algorithm>
@@ -13,6 +14,7 @@
 namespace {
 
 constexpr std::uint32_t kSpareCapacity = 1024;
+constexpr std::size_t kMostLength = std::numeric_limits<std::uint32_t>::max() - kSpareCapacity;
 
 // How much longer than the byte itself its escaped form is: 0 for all but the entities' characters.
 constexpr std::array<std::uint8_t, 256> kGrowth = [] {
@@ -65,10 +67,12 @@ void NTiXmlOutBuffer::Freer::operator()(char* text) const {
 }
 
 void NTiXmlOutBuffer::GrowCapacity(std::size_t count) {
-    if (count > std::numeric_limits<std::uint32_t>::max() - kSpareCapacity - length_) {
+    // In 64 bits: the length may already stand within the spare of the limit.
+    const std::size_t length = length_ + count;
+    if (count > kMostLength || length > kMostLength) {
         throw std::length_error("XML text of 4 GiB or more");
     }
-    capacity_ = length_ + static_cast<std::uint32_t>(count) + kSpareCapacity;
+    capacity_ = static_cast<std::uint32_t>(length) + kSpareCapacity;
     if (capacity_ > allocated_) {
         GrowMemory();
     }

@@ -27,7 +27,7 @@ constexpr const char* kGetDefaultConnection = "regsh get root/ConnectionManager/
 
 constexpr unsigned kNewerLayoutType = 6;  // the image type with the newer registry layout
 
-// The commands of the export keep one character less than all others.
+// The commands of the export keep one character less than other formatted commands.
 constexpr std::size_t kExportCommandLimit = 1022;
 
 void tell(const char* message) {
@@ -203,6 +203,7 @@ int attach_sessions_guarded(NTiXmlElement& file_root, const NTiXmlElement& expor
     try {
         attach_sessions(file_root, export_root);
     } catch (const NTiXmlException& error) {
+        // A guard: the readers of session files catch their own.
         std::fprintf(stderr, "Parse XML fail %s", error.Message());
         return kDocumentUnusable;
     } catch (const std::exception&) {

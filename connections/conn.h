@@ -19,20 +19,27 @@ int get_conn(const std::string& type, const std::string& file, const std::string
 
 // Exports the registry directory of one registry type into `pRoot`, the root of a connections file,
 // by way of the temporary file /tmp/TYPE.xml, which stays there when that fails. kSuccess,
-// kExportUnreadable, kExportFailed or kDocumentUnusable.
+// kExportUnreadable, kExportFailed or kDocumentUnusable; throws as get_conn does for an export
+// without
+// "<".
 int clone_conn(NTiXmlElement* pRoot, const std::string& type);
 
-// The same on the newer registry layout (image type 6), where only the default connection is
-// exported unless the default names the type itself.
+// The same on the newer registry layout (image type 6), by the registry's default connection, which
+// it keeps in run_options: nothing is exported when that holds the word "Default" but not the
+// type's name, every connection when it holds both, and otherwise only the connection whose
+// identifier it is.
 int clone_conn_python(NTiXmlElement* pRoot, const std::string& type);
 
 // Turns the text of a registry export into the children of `pRoot`: a Connection for each
 // connection and General with the whole export; for the terminal emulator also its session files.
-// kSuccess or kDocumentUnusable, which leaves in place what was added before.
+// kSuccess or kDocumentUnusable, which leaves in place what was added before; throws
+// std::out_of_range for a text without "<".
 int parse_conn(const std::string& type, NTiXmlElement* pRoot, const std::string& exportText);
 
-// Appends a Connection to `pRoot` for each connection of the export whose root is `pEle`; on image
-// type 6 removes those from the export that are not the default connection. True when it added any.
+// Appends a Connection to `pRoot` for each connection of the export whose root is `pEle`. On a zero
+// client it reads the registry's default connection into run_options and marks that one. On image
+// type 6 it removes from the export document all but the default connection, unless that holds the
+// word "Default". True when it added any.
 bool add_conn(const std::string& type, NTiXmlElement* pRoot, const NTiXmlElement* pEle);
 
 // The directory of all connections in a registry export, borrowed from it; null, with a message,

@@ -156,6 +156,14 @@ def test_the_disk_takes_one_part_after_the_other(device, programs, get):
         0, stderr=WALK_ENDED, log=log_of("RDP", "out.xml", 0), file=TWO_FILE)
 
 
+def test_the_file_cannot_be_closed(device, programs, get):
+    exports(device.recorder(), TWO)
+    # Every other stream of the run is read from or is the log: only the file's own close matters.
+    statuses = [get(env=preload(programs, FAIL_FCLOSE=str(k)))["status"] for k in range(1, 30)]
+    assert sorted(set(statuses)) == [0, 12]
+    assert statuses.count(12) == 1
+
+
 def test_a_type_without_connections_on_a_full_device(device):
     exports(device.recorder(), export_with())
     result = device.corvik("-get", "RDP", "-f", "/dev/full")

@@ -126,6 +126,10 @@ TEST_F(WriteFile, LengthZeroIsTrueAndEmptiesTheFile) {
     EXPECT_EQ(file_bytes(path), "");
 }
 
+TEST_F(WriteFile, ANegativeLengthCannotBeWritten) {
+    EXPECT_FALSE(writefile(folder_.Path("out").c_str(), "abc", -1));
+}
+
 TEST_F(WriteFile, WritesLengthBytesOfALongerText) {
     EXPECT_TRUE(writefile(folder_.Path("out").c_str(), "abcdef", 3));
     EXPECT_EQ(file_bytes(folder_.Path("out")), "abc");

@@ -556,6 +556,8 @@ TEST(TinyXmlParseElement, ChildBehindTextBehindAChild) {
 }
 
 TEST(TinyXmlParseElement, WithoutLessThan) {
+    EXPECT_EQ(parse_failure<NTiXmlElement>("  <a></b>"),
+              (Failure{"Element Parse error", "<a></b>", 705}));
     EXPECT_EQ(parse_failure<NTiXmlElement>("a/>"), (Failure{"Element Parse error", "a/>", 659}));
     EXPECT_EQ(parse_failure<NTiXmlElement>(""), (Failure{"Element Parse error", "", 659}));
 }

@@ -439,4 +439,15 @@ TEST(OutBuffer, MoreThan32BitsOfLengthIsALengthError) {
     EXPECT_STREQ(out.Text(), "abc");
 }
 
+TEST(OutBuffer, SmallAppendsEndBeforeTheLengthPasses32Bits) {
+    NTiXmlOutBuffer out;
+    // What is behind a NUL is only counted, so that the test needs the room but not the bytes.
+    const char nothing = '\0';
+    out.Append({&nothing, (std::size_t{1} << 32) - 1525});
+    out.AppendBlanks(1023);
+    EXPECT_EQ(out.Length(), 0xFFFFFFFFU - 501U);
+    EXPECT_THROW(out.AppendBlanks(10), std::length_error);
+    EXPECT_EQ(out.Length(), 0xFFFFFFFFU - 501U);
+}
+
 }  // namespace
