@@ -4,23 +4,34 @@
 #include "common/filefuncs.h"
 #include "common/result_codes.h"
 #include "common/run_options.h"
+#include "common/string_tokens.h"
 #include "platform/command_runner.h"
 #include "platform/conn_type_map.h"
 #include "platform/system_identity.h"
 
+#include <strings.h>
+
+#include <algorithm>
 #include <array>
+#include <cctype>
 #include <climits>
 #include <cstdio>
 #include <cstring>
+#include <deque>
 #include <memory>
 #include <stdexcept>
+#include <string_view>
+#include <unordered_map>
+#include <unordered_set>
 #include <utility>
+#include <vector>
 
 namespace {
 
 constexpr const char* kUnit = "conn";
 
 constexpr const char* kConnTypePath = "root/ConnectionType/";
+constexpr const char* kImportFile = "/tmp/import.xml";
 constexpr const char* kSessionFolder = "/etc/tavrin/connections/";
 constexpr const char* kTerminalType = "tavrin";  // registry type of the terminal emulator
 constexpr const char* kGetDefaultConnection = "regsh get root/ConnectionManager/defaultConnection";
@@ -48,6 +59,45 @@ bool attribute_equals(const NTiXmlElement& element, const char* name, const std:
 std::string key_value(const NTiXmlElement& key) {
     const NTiXmlElement* param = key.ChildElement("NodeParam", 0);
     return param == nullptr ? std::string() : param->Text();
+}
+
+struct FoundLabel {
+    std::string label;
+    std::size_t missing_params = 0;  // "label" keys without a value that were passed on the way
+};
+
+FoundLabel find_label(const std::string& type, const NTiXmlElement& dir) {
+    FoundLabel found;
+    for (NTiXmlElementCursor key(dir, "NodeKey"); key; key.Next()) {
+        if (!attribute_equals(*key, "name", "label")) {
+            continue;
+        }
+        if (const NTiXmlElement* param = key->ChildElement("NodeParam", 0)) {
+            found.label = param->Text();
+            return found;
+        }
+        ++found.missing_params;
+    }
+    found.label = "New " + type;
+    return found;
+}
+
+void tell_missing_params(std::size_t count) {
+    for (; count > 0; --count) {
+        tell("Could not find NodeParam. \n");
+    }
+}
+
+bool write_text(const std::string& file, std::string_view text) {
+    return text.size() <= INT_MAX &&
+           writefile(file.c_str(), text.data(), static_cast<int>(text.size()));
+}
+
+// Prints the node and writes it without a copy of its text between.
+bool write_printed(const std::string& file, const NTiXmlNode& node) {
+    NTiXmlOutBuffer out;
+    node.Print(out, 0);
+    return write_text(file, {out.Text(), out.TextSize()});
 }
 
 }  // namespace
@@ -113,16 +163,9 @@ const std::string get_conn_label(const std::string& type, const NTiXmlElement* p
     check_argument(pND_UUID != nullptr, "pND_UUID",
                    {kUnit, __LINE__,
                     "const std::string get_conn_label(const std::string&, const NTiXmlElement*)"});
-    for (NTiXmlElementCursor key(*pND_UUID, "NodeKey"); key; key.Next()) {
-        if (!attribute_equals(*key, "name", "label")) {
-            continue;
-        }
-        if (const NTiXmlElement* param = key->ChildElement("NodeParam", 0)) {
-            return param->Text();
-        }
-        tell("Could not find NodeParam. \n");
-    }
-    return "New " + type;
+    const FoundLabel found = find_label(type, *pND_UUID);
+    tell_missing_params(found.missing_params);
+    return found.label;
 }
 
 // Export: from the registry into a connections file.
@@ -252,11 +295,7 @@ int get_conn(const std::string& type, const std::string& file, const std::string
     if (result != kSuccess) {
         return result;
     }
-    NTiXmlOutBuffer text;
-    root.Print(text, 0);
-    const bool written = text.TextSize() <= INT_MAX &&
-                         writefile(file.c_str(), text.Text(), static_cast<int>(text.TextSize()));
-    return written ? kSuccess : kConnectionsFileUnwritable;
+    return write_printed(file, root) ? kSuccess : kConnectionsFileUnwritable;
 }
 
 int clone_conn(NTiXmlElement* pRoot, const std::string& type) {
@@ -338,4 +377,551 @@ bool add_conn(const std::string& type, NTiXmlElement* pRoot, const NTiXmlElement
     }
     tell("Could not find <NodeDir> - UUID. \n");
     return added;
+}
+
+// Import: from a connections file into the registry.
+
+namespace {
+
+constexpr const char* kNoGeneral = "Could not find <General> element.\n";
+constexpr const char* kNoConnection = "Could not find <NodeDir> - UUID. \n";
+constexpr const char* kSetTheme = "regsh set root/background/desktop/theme ";
+constexpr const char* kCommitAll = "regsh commit";
+
+std::string connections_path(const std::string& type) {
+    return kConnTypePath + type + "/connections";
+}
+
+bool is_yes(const std::string& value) {
+    return strcasecmp(value.c_str(), "yes") == 0;
+}
+bool is_no(const std::string& value) {
+    return strcasecmp(value.c_str(), "no") == 0;
+}
+
+// The attribute when it is present and not empty, else null.
+const std::string* filled_attribute(const NTiXmlElement& element, const char* name) {
+    const std::string* value = element.AttributeValue(name);
+    return value == nullptr || value->empty() ? nullptr : value;
+}
+
+// Names that strcasecmp takes for equal have the same folded form.
+std::string fold_case(std::string name) {
+    for (char& c : name) {
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    }
+    return name;
+}
+
+// The export document that a connections file carries, parsed.
+struct CarriedExport {
+    std::unique_ptr<NTiXmlDoc> document;
+    NTiXmlElement* root = nullptr;  // null when the text does not parse or has no root element
+};
+
+CarriedExport parse_export(const std::string& text) {
+    CarriedExport parsed;
+    parsed.document = std::make_unique<NTiXmlDoc>(text, false);
+    try {
+        parsed.document->Parse(nullptr);
+        parsed.root = parsed.document->RootElement();
+    } catch (const std::exception&) {
+        parsed.root = nullptr;
+    }
+    return parsed;
+}
+
+// The value of a command line's word with the line end that is attached to it left outside the
+// quotes, where it ends the command.
+std::string listed_word(const std::string& value) {
+    const bool has_line_end = !value.empty() && value.back() == '\n';
+    return has_line_end ? shell_word(value.substr(0, value.size() - 1)) + '\n' : shell_word(value);
+}
+
+std::string trimmed(std::string text) {
+    trim_string(text.data(), kTrimBoth);
+    text.resize(std::strlen(text.c_str()));
+    return text;
+}
+
+}  // namespace
+
+int set_conn(const std::string& type, const std::string& file, const std::string& /*user*/,
+             const std::string& /*password*/, bool remove) {
+    NTiXmlDoc document(file, true);
+    try {
+        document.Parse(nullptr);
+    } catch (const std::exception&) {
+        std::fprintf(stderr, "Failed to parse %s\n", file.c_str());
+        return kConnectionsFileUnusable;
+    }
+    const NTiXmlElement* root = document.RootElement();
+    if (root == nullptr) {
+        tell("Failed to get the root element.\n");
+        return kConnectionsFileUnusable;
+    }
+    const std::string registry_type = to_registry_type(type);
+    if (registry_type.empty()) {
+        return kSuccess;
+    }
+    if (command_status("regsh contains " + (kConnTypePath + registry_type)) != 0) {
+        return kSuccess;
+    }
+    return current_image_type() == kNewerLayoutType ? write_conn_python(root, registry_type, remove)
+                                                    : write_conn(root, registry_type, remove);
+}
+
+namespace {
+
+// Makes the default connection, which SetDefaultConnection has just set with its type as the theme,
+// start by itself.
+void start_default_connection() {
+    std::string default_connection;
+    query_registry_value(kGetDefaultConnection, default_connection);
+    if (default_connection.empty()) {
+        return;
+    }
+    std::string theme;
+    query_registry_value("regsh get root/background/desktop/theme", theme);
+    if (theme.empty()) {
+        return;
+    }
+    command_status("regsh set " + connections_path(shell_word(theme)) + "/" +
+                   shell_word(default_connection) + "/autostart 1");
+    command_status(kCommitAll);
+}
+
+}  // namespace
+
+int write_conn(const NTiXmlElement* pRoot, const std::string& type, bool remove) {
+    check_argument(
+        pRoot != nullptr, "pRoot",
+        {kUnit, __LINE__, "int write_conn(const NTiXmlElement*, const std::string&, bool)"});
+    const std::string path = connections_path(type);
+    if (remove) {
+        remove_conns(path);
+    }
+    int result = exe_write(pRoot, type);
+    if (result != kSuccess) {
+        return result;
+    }
+    refresh_desktop_icons(path);
+    if (is_zero_product()) {
+        result = SetDefaultConnection(pRoot, type);
+        start_default_connection();
+    }
+    return result;
+}
+
+int write_conn_python(const NTiXmlElement* pRoot, const std::string& type, bool /*remove*/) {
+    check_argument(
+        pRoot != nullptr, "pRoot",
+        {kUnit, __LINE__, "int write_conn_python(const NTiXmlElement*, const std::string&, bool)"});
+    for (const auto& pair : conn_type_pairs(kNewerLayoutType)) {
+        remove_conns(connections_path(pair.first));
+    }
+    const int result = exe_write(pRoot, type);
+    if (result != kSuccess) {
+        return result;
+    }
+    const NTiXmlElement* general = pRoot->ChildElement("General", 0);
+    if (general == nullptr) {
+        tell(kNoGeneral);
+        return kSuccess;
+    }
+    const CarriedExport parsed = parse_export(general->Text());
+    if (parsed.root == nullptr) {
+        return kDocumentUnusable;
+    }
+    const NTiXmlElement* conns = get_ele_conns(parsed.root);
+    if (conns == nullptr) {
+        return kNoConnections;
+    }
+    const NTiXmlElement* first = conns->ChildElement("NodeDir", 0);
+    if (first == nullptr) {
+        tell(kNoConnection);
+        return kNoConnections;
+    }
+    const std::string* uuid = first->AttributeValue("name");
+    const std::string word = uuid == nullptr ? std::string() : shell_word(*uuid);
+    command_status("regsh set root/ConnectionManager/defaultConnection  " + word);
+    command_status("regsh commit root/ConnectionManager/defaultConnection");
+    // Whatever watches the connection types sees a change when this key comes and goes.
+    command_status("regsh create root/ConnectionType/.toBeRefreshed");
+    command_status("regsh delete root/ConnectionType/.toBeRefreshed");
+    command_status("regsh commit root/ConnectionType");
+    return kSuccess;
+}
+
+void remove_conns(const std::string& path) {
+    std::vector<std::string> lines;
+    if (!read_all_lines(format_command(kCommandLimit, "regsh get %s", path.c_str()), lines)) {
+        tell("popen() failure.\n");
+        return;
+    }
+    std::string default_connection;
+    query_registry_value(kGetDefaultConnection, default_connection);
+    const bool may_reset = !default_connection.empty() && is_zero_product();
+    for (const std::string& line : lines) {
+        const StringTokens words(line.c_str(), 0, " \t");
+        if (words.count() != 2) {
+            continue;
+        }
+        const std::string listed = words.getToken(1);
+        command_status(
+            format_command(kCommandLimit, "regsh delete %s", listed_word(listed).c_str()));
+        const StringTokens levels(trimmed(listed).c_str(), 0, "/");
+        const bool was_default = may_reset && levels.count() > 0 &&
+                                 levels.getToken(levels.count() - 1) == default_connection;
+        if (was_default) {
+            command_status("regsh set root/ConnectionManager/defaultConnection \"\"");
+            command_status(std::string(kSetTheme) + "default");
+        }
+    }
+    command_status(format_command(kCommandLimit, "regsh commit %s", path.c_str()));
+    command_status(kCommitAll);
+}
+
+namespace {
+
+// True when a component of the name would lead out of the folder that it is put behind.
+bool leaves_folder(const std::string& name) {
+    const StringTokens components(name.c_str(), 0, "/");
+    for (int i = 0; i < components.count(); ++i) {
+        if (components.getToken(i) == "..") {
+            return true;
+        }
+    }
+    return false;
+}
+
+void write_session_files(const NTiXmlElement& connection) {
+    const NTiXmlElement* session = connection.ChildElement("KSS", 0);
+    if (session == nullptr) {
+        return;
+    }
+    const std::string* file = connection.AttributeValue("KSSFile");
+    if (file == nullptr) {
+        tell("Could not find KSSFile. \n");
+        return;
+    }
+    if (leaves_folder(*file)) {
+        std::fprintf(stderr, "Invalid session file name %s.\n", file->c_str());
+        return;
+    }
+    write_xml_text_file(kSessionFolder + *file + ".kss", ToString(*session));
+    if (const NTiXmlElement* window_settings = connection.ChildElement("WS", 0)) {
+        write_xml_text_file(kSessionFolder + *file + ".ws", ToString(*window_settings));
+    }
+}
+
+}  // namespace
+
+int exe_write(const NTiXmlElement* pRoot, const std::string& type) {
+    check_argument(pRoot != nullptr, "pRoot",
+                   {kUnit, __LINE__, "int exe_write(const NTiXmlElement*, const std::string&)"});
+    const NTiXmlElement* general = pRoot->ChildElement("General", 0);
+    if (general == nullptr) {
+        tell(kNoGeneral);
+        return kSuccess;
+    }
+    std::list<std::string> enabled_names;
+    for (NTiXmlElementCursor connection(*pRoot, "Connection"); connection; connection.Next()) {
+        const std::string* name = filled_attribute(*connection, "Name");
+        const std::string* enabled = filled_attribute(*connection, "Enabled");
+        if (name == nullptr || enabled == nullptr) {
+            continue;
+        }
+        if (is_yes(*enabled)) {
+            enabled_names.push_back(*name);
+        }
+        if (type == kTerminalType) {
+            write_session_files(*connection);
+        }
+    }
+    return import_conns(type, general->Text(), enabled_names);
+}
+
+bool write_xml_text_file(const std::string& path, const std::string& text) {
+    NTiXmlDoc document(text, false);
+    try {
+        document.Parse(nullptr);
+    } catch (const std::exception&) {
+        tell("Parse xml failed.\n");
+        return false;
+    }
+    const NTiXmlElement* root = document.RootElement();
+    if (root == nullptr) {
+        return false;
+    }
+    if (!write_text(path, root->Text())) {
+        std::fprintf(stderr, "Write file %s fail.\n", path.c_str());
+        return false;
+    }
+    return true;
+}
+
+namespace {
+
+// Keeps one directory for each enabled name, the first with its label, and removes the others.
+// Names that matched are taken out of `enabled`.
+void keep_enabled(const std::string& type, NTiXmlElement& conns, std::list<std::string>& enabled) {
+    std::unordered_map<std::string, std::deque<std::list<std::string>::iterator>> waiting;
+    for (auto name = enabled.begin(); name != enabled.end(); ++name) {
+        waiting[fold_case(*name)].push_back(name);
+    }
+    NTiXmlElementCursor dir(conns, "NodeDir");
+    while (dir) {
+        const auto found = waiting.find(fold_case(get_conn_label(type, dir.Get())));
+        if (found == waiting.end() || found->second.empty()) {
+            conns.RemoveChildElement(dir);
+            continue;
+        }
+        enabled.erase(found->second.front());
+        found->second.pop_front();
+        dir.Next();
+    }
+    tell(kNoConnection);
+}
+
+// Puts the device's own product configuration into the document. False, with a message, when the
+// document has no place for it.
+bool set_product_config(NTiXmlElement& root) {
+    NTiXmlElement* config = &root;
+    for (const char* level : {"ProfileSettings", "Target", "Config"}) {
+        config = config->ChildElement(level, 0);
+        if (config == nullptr) {
+            std::fprintf(stderr, "Could not find <%s>. \n", level);
+            return false;
+        }
+    }
+    std::string configuration;
+    read_product_config(configuration);
+    config->Text() = configuration;
+    return true;
+}
+
+std::vector<std::string> names_of(const NTiXmlElement& conns) {
+    std::vector<std::string> names;
+    for (NTiXmlElementCursor dir(conns, "NodeDir"); dir; dir.Next()) {
+        if (const std::string* name = dir->AttributeValue("name")) {
+            names.push_back(*name);
+        }
+    }
+    return names;
+}
+
+int disable_autostart_of(const std::string& type, const std::vector<std::string>& names) {
+    for (const std::string& name : names) {
+        command_status("regsh set " + connections_path(type) + "/" + shell_word(name) +
+                       "/autostart 0");
+    }
+    tell(kNoConnection);
+    command_status(kCommitAll);
+    return 1;
+}
+
+}  // namespace
+
+int import_conns(const std::string& type, const std::string& exportText,
+                 std::list<std::string>& enabled) {
+    CarriedExport parsed = parse_export(exportText);
+    if (parsed.root == nullptr) {
+        return kDocumentUnusable;
+    }
+    NTiXmlElement* conns = get_ele_conns(parsed.root);
+    if (conns == nullptr) {
+        return kSuccess;
+    }
+    keep_enabled(type, *conns, enabled);
+    merge_existing_conns(type, conns);
+    const unsigned image_type = current_image_type();
+    if (image_type >= 8 && image_type <= 10 && !set_product_config(*parsed.root)) {
+        return kSuccess;
+    }
+    if (!write_printed(kImportFile, *parsed.document)) {
+        std::fprintf(stderr, "Could not write %s, errno=.\n", kImportFile);
+        return kImportUnwritable;
+    }
+    // Only the names are needed from here on.
+    const std::vector<std::string> names = names_of(*conns);
+    parsed = CarriedExport();
+    command_status(format_command(kCommandLimit, "regsh import %s", kImportFile));
+    command_status(
+        format_command(kCommandLimit, "regsh commit %s", connections_path(type).c_str()));
+    if (is_zero_product()) {
+        disable_autostart_of(type, names);
+    }
+    return kSuccess;
+}
+
+namespace {
+
+// A copy of the element by way of its text, as the registry client will read it; null when that
+// does not parse.
+std::unique_ptr<NTiXmlElement> deep_copy(const NTiXmlElement& element) {
+    auto copy = std::make_unique<NTiXmlElement>();
+    try {
+        copy->Parse(ToString(element).c_str());
+    } catch (const NTiXmlException&) {
+        copy.reset();
+    }
+    return copy;
+}
+
+}  // namespace
+
+bool merge_existing_conns(const std::string& type, NTiXmlElement* pConns) {
+    check_argument(
+        pConns != nullptr, "pConns",
+        {kUnit, __LINE__, "bool merge_existing_conns(const std::string&, NTiXmlElement*)"});
+    NTiXmlElement scratch;
+    if (clone_conn(&scratch, type) != kSuccess) {
+        return false;
+    }
+    const NTiXmlElement* general = scratch.ChildElement("General", 0);
+    if (general == nullptr) {
+        tell(kNoGeneral);
+        return false;
+    }
+    const CarriedExport current = parse_export(general->Text());
+    const NTiXmlElement* existing = current.root == nullptr ? nullptr : get_ele_conns(current.root);
+    if (existing == nullptr) {
+        return false;
+    }
+    const std::vector<std::string> names = names_of(*pConns);
+    std::unordered_set<std::string> known(names.begin(), names.end());
+    for (NTiXmlElementCursor dir(*existing, "NodeDir"); dir; dir.Next()) {
+        const std::string* name = dir->AttributeValue("name");
+        if (name == nullptr || !known.insert(*name).second) {
+            continue;
+        }
+        std::unique_ptr<NTiXmlElement> copy = deep_copy(*dir);
+        if (copy == nullptr) {
+            return false;
+        }
+        pConns->AppendChild(copy.release());
+    }
+    return true;
+}
+
+int disable_autostart(const std::string& type, const NTiXmlElement* pConns) {
+    check_argument(
+        pConns != nullptr, "pConns",
+        {kUnit, __LINE__, "int disable_autostart(const std::string&, const NTiXmlElement*)"});
+    return disable_autostart_of(type, names_of(*pConns));
+}
+
+namespace {
+
+// The connections of an export by label. Each candidate for the default connection walks them from
+// the first; the walk is made once here and its messages are repeated as often as it would be made.
+class LabelledConnections {
+public:
+    LabelledConnections(const std::string& type, const NTiXmlElement& conns) {
+        for (NTiXmlElementCursor dir(conns, "NodeDir"); dir; dir.Next()) {
+            const FoundLabel found = find_label(type, *dir);
+            missing_params_ += found.missing_params;
+            if (const std::string* uuid = dir->AttributeValue("name")) {
+                by_label_.try_emplace(fold_case(found.label), Connection{*uuid, missing_params_});
+            }
+        }
+    }
+
+    // The identifier of the first connection with that label, in any case; null, with a message,
+    // when there is none.
+    const std::string* Find(const std::string& label) const {
+        const auto found = by_label_.find(fold_case(label));
+        if (found == by_label_.end()) {
+            tell_missing_params(missing_params_);
+            tell(kNoConnection);
+            return nullptr;
+        }
+        tell_missing_params(found->second.missing_params);
+        return &found->second.uuid;
+    }
+
+private:
+    struct Connection {
+        std::string uuid;
+        std::size_t missing_params;  // "label" keys without a value up to this connection
+    };
+    std::unordered_map<std::string, Connection> by_label_;
+    std::size_t missing_params_ = 0;
+};
+
+// The label of a connection that the file marks as default, or null. Any Enabled value but "no" is
+// accepted here, while the import itself needs "yes".
+const std::string* default_label(const NTiXmlElement& connection) {
+    const std::string* marked = filled_attribute(connection, "Default");
+    const std::string* name = filled_attribute(connection, "Name");
+    const std::string* enabled = filled_attribute(connection, "Enabled");
+    const bool qualifies = marked != nullptr && name != nullptr && enabled != nullptr &&
+                           !is_no(*enabled) && is_yes(*marked);
+    return qualifies ? name : nullptr;
+}
+
+void make_default(const std::string& uuid, const std::string& type) {
+    std::string former;
+    query_registry_value(kGetDefaultConnection, former);
+    command_status("regsh set root/ConnectionManager/defaultConnection\t" + shell_word(uuid));
+    command_status(kSetTheme + type);
+    command_status(kCommitAll);
+}
+
+}  // namespace
+
+int SetDefaultConnection(const NTiXmlElement* pRoot, const std::string& type) {
+    check_argument(
+        pRoot != nullptr, "pRoot",
+        {kUnit, __LINE__, "int SetDefaultConnection(const NTiXmlElement*, const std::string&)"});
+    const NTiXmlElement* general = pRoot->ChildElement("General", 0);
+    if (general == nullptr) {
+        tell(kNoGeneral);
+        return kSuccess;
+    }
+    std::unique_ptr<LabelledConnections> connections;
+    for (NTiXmlElementCursor connection(*pRoot, "Connection"); connection; connection.Next()) {
+        const std::string* label = default_label(*connection);
+        if (label == nullptr) {
+            continue;
+        }
+        if (connections == nullptr) {
+            const CarriedExport parsed = parse_export(general->Text());
+            if (parsed.root == nullptr) {
+                return kDocumentUnusable;
+            }
+            const NTiXmlElement* conns = get_ele_conns(parsed.root);
+            if (conns == nullptr) {
+                return kSuccess;
+            }
+            connections = std::make_unique<LabelledConnections>(type, *conns);
+        }
+        if (const std::string* uuid = connections->Find(*label)) {
+            make_default(*uuid, type);
+            return kSuccess;
+        }
+    }
+    return kSuccess;
+}
+
+void refresh_desktop_icons(const std::string& path) {
+    std::vector<std::string> lines;
+    if (!read_all_lines(format_command(kCommandLimit, "regsh get %s", path.c_str()), lines)) {
+        tell("popen() failure.\n");
+        return;
+    }
+    for (const std::string& line : lines) {
+        const StringTokens words(trimmed(line).c_str(), 0, " \t");
+        if (words.count() != 2) {
+            continue;
+        }
+        const std::string dir = shell_word(words.getToken(1));
+        std::string value;
+        query_registry_value(
+            format_command(kCommandLimit, "regsh get %s/hasDesktopIcon", dir.c_str()), value);
+        command_status(format_command(kCommandLimit, "regsh set %s/hasDesktopIcon %s", dir.c_str(),
+                                      shell_word(value).c_str()));
+        command_status(format_command(kCommandLimit, "regsh commit %s", dir.c_str()));
+    }
 }

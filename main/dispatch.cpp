@@ -12,7 +12,7 @@ namespace {
 constexpr std::int32_t kHandlerCount = 2;
 constexpr HandlerEntry kHandlers[kHandlerCount] = {
     {"NULL", nullptr, nullptr},
-    {"*", get_conn, nullptr},
+    {"*", get_conn, set_conn},
 };
 
 // The first row that takes the type, or null.
