@@ -453,7 +453,7 @@ def test_older_builds_need_no_place_for_the_configuration(case, image_type):
 @pytest.mark.parametrize("line, config", [
     ("", ""), ('PRODUCT_CONFIG=""\n', ""), ('PRODUCT_CONFIG="Standard"\n', "Standard"),
     ('# PRODUCT_CONFIG is "own"\nPRODUCT_CONFIG="standard"\n', "own"),
-    ('PRODUCT_CONFIG="ZERO"\n', "ZERO"), ('XPRODUCT_CONFIG="standard"\n', "standard"),
+    ('PRODUCT_CONFIG="ZERO"\n', "ZERO"),
 ])
 def test_the_configuration_is_the_first_quoted_word_of_its_line(case, line, config):
     left = case.set(ONE_FILE, systeminfo=line + SYSTEMINFO.format(6))

@@ -300,8 +300,13 @@ class ImportCase:
     def log_file(self):
         return self.device.folder / "client/commands"
 
-    def set(self, file, typed="RDP", remove=False, arguments=None, refused=None, **options):
-        """Imports this content (None: leave in.xml as it is) and tells what that left behind."""
+    def set(self, file, typed="RDP", remove=False, arguments=None, refused=None, before="",
+            **options):
+        """Imports this content (None: leave in.xml as it is) and tells what that left behind.
+
+        refused: a command line that cannot be started; before: shell commands to run on the device
+        just before.
+        """
         path = self.device.home / "in.xml"
         if file is not None:
             path.write_bytes(os.fsencode(file))
@@ -309,7 +314,9 @@ class ImportCase:
         self.log_file.unlink(missing_ok=True)
         settings = {} if refused is None else {"COMMAND_REFUSED": refused}
         arguments = arguments or ["-set", typed, "-f", "in.xml", *(["-r"] if remove else [])]
-        result = self.device.corvik(*arguments, env=self.environment(**settings), **options)
+        environment = [f"{name}={value}" for name, value in self.environment(**settings).items()]
+        result = self.device.run("sh", "-c", before + '\nexec env "$@"', "sh", *environment,
+                                 "corvik", *arguments, **options)
         if file is not None:
             assert path.read_bytes() == os.fsencode(file)
         return self.left(result, typed, remove)
