@@ -8,8 +8,8 @@ import re
 
 import pytest
 
-from import_run import (DEFAULT, GET_DEFAULT, GET_THEME, NO_GENERAL, RESET_DEFAULT, THEME,
-                        WALK_OVER, ImportCase, Left, calls_of, classic, conn, connections_file,
+from import_run import (DEFAULT, EXPORT_UNPARSED, GET_DEFAULT, GET_THEME, NO_GENERAL, RESET_DEFAULT,
+                        THEME, WALK_OVER, ImportCase, Left, calls_of, classic, conn, connections_file,
                         connections_path, defaulted, entry, export, imported, looked_up, merged,
                         newer, refreshed, removed)
 
@@ -215,20 +215,44 @@ def test_a_long_identifier_is_not_cut_where_commands_are_appended(case):
         3 * WALK_OVER, document=document)
 
 
-@pytest.mark.parametrize("depth", [1000, 100000])
+DEEPEST = 10000  # deeper documents are refused
+
+
+def nested(depth, inside=""):
+    return "<a>" * depth + inside + "</a>" * depth
+
+
+@pytest.mark.parametrize("depth", [1000, DEEPEST])
 def test_a_file_nested_deep(case, depth):
-    text = "<a>" * depth + "</a>" * depth
-    assert case.set(text) == Left([*looked_up("freerdp"), *refreshed("freerdp")], NO_GENERAL)
+    assert case.set(nested(depth)) == Left([*looked_up("freerdp"), *refreshed("freerdp")],
+                                           NO_GENERAL)
 
 
-def test_a_file_nested_deep_and_not_closed(case):
-    assert case.set("<a>" * 100000) == Left([], "Failed to parse in.xml\n", 20)
+@pytest.mark.parametrize("text", [nested(DEEPEST + 1), nested(1000000), "<a>" * 100000],
+                         ids=["too-deep", "a-million", "not-closed"])
+def test_a_file_nested_too_deep(case, text):
+    assert case.set(text) == Left([], "Failed to parse in.xml\n", 20)
 
 
 def test_an_export_nested_deep(case):
-    nested = "&lt;a&gt;" * 20000 + "&lt;/a&gt;" * 20000
-    assert case.set(f"<RDP><General>{nested}</General></RDP>", image_type=9) == Left(
-        [*looked_up("freerdp"), *refreshed("freerdp")], "Could not find <ProfileRegistry>. \n")
+    left = case.set(connections_file(nested(DEEPEST)))
+    assert left == Left([*looked_up("freerdp"), *refreshed("freerdp")],
+                        "Could not find <ProfileRegistry>. \n")
+
+
+@pytest.mark.parametrize("depth", [DEEPEST + 1, 1000000])
+def test_an_export_nested_too_deep(case, depth):
+    assert case.set(connections_file(nested(depth))) == Left(looked_up("freerdp"), status=52)
+
+
+def test_a_registry_nested_too_deep(case):
+    case.holds(nested(1000000))
+    document = export(conn("id-1", "A"))
+    left = case.set(connections_file(document, entry("A")))
+    assert left == Left(
+        [*looked_up("freerdp"), *merged("freerdp", done=False), *imported("freerdp"),
+         *refreshed("freerdp")], WALK_OVER + EXPORT_UNPARSED, document=document,
+        tmp=["freerdp.xml", "import.xml"])
 
 
 @pytest.mark.parametrize("cut", range(0, 420, 7))
