@@ -1,4 +1,4 @@
-"""The default connection of a classic import on zero clients: which candidate wins, what is told."""
+"""The default connection of a classic import on zero clients: who wins, and what is told."""
 
 import pytest
 

@@ -9,9 +9,9 @@ import re
 import pytest
 
 from import_run import (DEFAULT, EXPORT_UNPARSED, GET_DEFAULT, GET_THEME, NO_GENERAL, RESET_DEFAULT,
-                        THEME, WALK_OVER, ImportCase, Left, calls_of, classic, conn, connections_file,
-                        connections_path, defaulted, entry, export, imported, looked_up, merged,
-                        newer, refreshed, removed)
+                        THEME, WALK_OVER, ImportCase, Left, calls_of, classic, conn,
+                        connections_file, connections_path, defaulted, entry, export, imported,
+                        looked_up, merged, newer, refreshed, removed)
 
 PATH = connections_path("freerdp")
 

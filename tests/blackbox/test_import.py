@@ -516,13 +516,15 @@ LISTING = connections_path("freerdp")
 
 
 @pytest.mark.parametrize("line", [
-    "dir {}\n", "dir {}", "  dir   {}  \n", "dir\t{}\r\n", "\tdir \t {}\n", "key {}\n", "{0} {0}\n"])
+    "dir {}\n", "dir {}", "  dir   {}  \n", "dir\t{}\r\n", "\tdir \t {}\n", "key {}\n",
+    "{0} {0}\n"])
 def test_listing_lines_of_two_words_are_used(case, line):
     case.lists("freerdp", line.format(LISTING + "/a"))
     assert case.set(ONE_FILE) == iconed(a="")
 
 
-@pytest.mark.parametrize("line", ["{}\n", "dir {} x\n", "dir\n", "\n", "   \n", " \t \n", "a b c d\n"])
+@pytest.mark.parametrize("line", [
+    "{}\n", "dir {} x\n", "dir\n", "\n", "   \n", " \t \n", "a b c d\n"])
 def test_listing_lines_of_other_counts_are_not(case, line):
     case.lists("freerdp", line.format(LISTING + "/a"))
     assert case.set(ONE_FILE) == iconed()

@@ -1,4 +1,4 @@
-"""Import into the reference client's registry: what is in it afterwards, and that nothing is staged."""
+"""Import into the reference client's registry: what it holds afterwards, and what is staged."""
 
 from pathlib import Path
 
@@ -183,7 +183,8 @@ def test_values_with_any_character_come_through(plain):
     assert_nothing_staged(plain)
 
 
-@pytest.mark.parametrize("identifier", ["a b", "$(touch owned)", "a;b", "it's", 'a"b', "*", "\u00fc"])
+@pytest.mark.parametrize("identifier", [
+    "a b", "$(touch owned)", "a;b", "it's", 'a"b', "*", "\u00fc"])
 def test_identifiers_with_any_character_come_through(plain, identifier):
     document = placed(conn(identifier, "Odd"))
     # The listing gives a directory with a blank as three words, which the icons pass over.
@@ -314,7 +315,7 @@ def test_two_thousand_connections_over_two_thousand_others(device):
     assert len(identifiers(device)) == 2000
     for name in ("view", "xen"):
         publish(device, "create", connections_path(name))
-    # The newer layout deletes what is there; the classic one keeps it, with a command for each icon.
+    # The newer layout deletes what is there; the classic one would keep it and refresh its icons.
     set_(device, "RDP", connections_file(new, *(entry(f"NEW {n}") for n in range(2000))),
          image_type=6, stderr=2 * WALK_OVER + NO_GENERAL)
     assert identifiers(device) == [f"new-{number}" for number in range(2000)]

@@ -1,4 +1,4 @@
-"""Import of the terminal emulator: which session files are written, where, and with what in them."""
+"""Import of the terminal emulator: which session files are written, where, with what in them."""
 
 import pytest
 

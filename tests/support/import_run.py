@@ -314,9 +314,13 @@ class ImportCase:
         self.log_file.unlink(missing_ok=True)
         settings = {} if refused is None else {"COMMAND_REFUSED": refused}
         arguments = arguments or ["-set", typed, "-f", "in.xml", *(["-r"] if remove else [])]
-        environment = [f"{name}={value}" for name, value in self.environment(**settings).items()]
-        result = self.device.run("sh", "-c", before + '\nexec env "$@"', "sh", *environment,
-                                 "corvik", *arguments, **options)
+        environment = self.environment(**settings)
+        command = ["corvik", *arguments]
+        if before:
+            # The shell comes by the library first, which then takes the settings for itself.
+            again = [f"{name}={value}" for name, value in environment.items()]
+            command = ["sh", "-c", before + '\nexec env "$@"', "sh", *again, *command]
+        result = self.device.run(*command, env=environment, **options)
         if file is not None:
             assert path.read_bytes() == os.fsencode(file)
         return self.left(result, typed, remove)
