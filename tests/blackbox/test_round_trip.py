@@ -236,15 +236,17 @@ def test_any_registry(device, made, remove):
     both.get(typed)
     file = model.get(typed)
 
-    default = model.find(DEFAULT)
-    model.find(model.connections_path(registry_type)).clear()
+    connections = model.connections_path(registry_type)
+    model.find(connections).clear()
     both.load()
     both.set(typed, file, remove)
     both.get(typed)
-    # A default connection whose identifier holds a blank is cut at it when it is started, which
-    # leaves a connection behind that the next import finds.
-    if b" " not in default and not any(
-            b" " in name for name in model.find(model.connections_path(registry_type))):
+    # Two kinds of connection do not stay as they are. One whose identifier holds a blank is not
+    # removed, so that the others come behind it the next time; and a default connection that is not
+    # there comes into being when a zero client starts it, without the icon that the next import
+    # finds missing.
+    held = model.find(connections)
+    if not any(b" " in name or value == {b"autostart": b"1"} for name, value in held.items()):
         before = both.registry()
         both.set(typed, file, remove)
         assert both.registry() == before
