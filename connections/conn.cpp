@@ -61,6 +61,23 @@ std::string key_value(const NTiXmlElement& key) {
     return param == nullptr ? std::string() : param->Text();
 }
 
+// A document out of a text that is held in memory.
+struct ParsedText {
+    std::unique_ptr<NTiXmlDoc> document;  // null when the text is not well-formed
+    NTiXmlElement* root = nullptr;        // null also when there is no root element
+};
+
+ParsedText parse_text(std::string text) {
+    try {
+        auto document = std::make_unique<NTiXmlDoc>(std::move(text), false);
+        document->Parse(nullptr);
+        NTiXmlElement* root = document->RootElement();
+        return {std::move(document), root};
+    } catch (const std::exception&) {
+        return {};
+    }
+}
+
 struct FoundLabel {
     std::string label;
     std::size_t missing_params = 0;  // "label" keys without a value that were passed on the way
@@ -124,15 +141,11 @@ std::string read_xml_file_string(const std::string& file) {
         std::fprintf(stderr, "read file %s fail\n", file.c_str());
         return "";
     }
-    NTiXmlDoc document(std::move(content), false);
-    try {
-        document.Parse(nullptr);
-    } catch (const std::exception&) {
+    const ParsedText parsed = parse_text(std::move(content));
+    if (parsed.document == nullptr) {
         tell("Parse xml failed.\n");
-        return "";
     }
-    const NTiXmlElement* root = document.RootElement();
-    return root == nullptr ? std::string() : ToString(*root);
+    return parsed.root == nullptr ? std::string() : ToString(*parsed.root);
 }
 
 NTiXmlElement* get_ele_conns(const NTiXmlElement* pEle) {
@@ -413,24 +426,6 @@ std::string fold_case(std::string name) {
     return name;
 }
 
-// The export document that a connections file carries, parsed.
-struct CarriedExport {
-    std::unique_ptr<NTiXmlDoc> document;
-    NTiXmlElement* root = nullptr;  // null when the text does not parse or has no root element
-};
-
-CarriedExport parse_export(const std::string& text) {
-    CarriedExport parsed;
-    parsed.document = std::make_unique<NTiXmlDoc>(text, false);
-    try {
-        parsed.document->Parse(nullptr);
-        parsed.root = parsed.document->RootElement();
-    } catch (const std::exception&) {
-        parsed.root = nullptr;
-    }
-    return parsed;
-}
-
 // The value of a command line's word with the line end that is attached to it left outside the
 // quotes, where it ends the command.
 std::string listed_word(const std::string& value) {
@@ -529,7 +524,7 @@ int write_conn_python(const NTiXmlElement* pRoot, const std::string& type, bool 
         tell(kNoGeneral);
         return kSuccess;
     }
-    const CarriedExport parsed = parse_export(general->Text());
+    const ParsedText parsed = parse_text(general->Text());
     if (parsed.root == nullptr) {
         return kDocumentUnusable;
     }
@@ -643,18 +638,14 @@ int exe_write(const NTiXmlElement* pRoot, const std::string& type) {
 }
 
 bool write_xml_text_file(const std::string& path, const std::string& text) {
-    NTiXmlDoc document(text, false);
-    try {
-        document.Parse(nullptr);
-    } catch (const std::exception&) {
+    const ParsedText parsed = parse_text(text);
+    if (parsed.document == nullptr) {
         tell("Parse xml failed.\n");
+    }
+    if (parsed.root == nullptr) {
         return false;
     }
-    const NTiXmlElement* root = document.RootElement();
-    if (root == nullptr) {
-        return false;
-    }
-    if (!write_text(path, root->Text())) {
+    if (!write_text(path, parsed.root->Text())) {
         std::fprintf(stderr, "Write file %s fail.\n", path.c_str());
         return false;
     }
@@ -725,7 +716,7 @@ int disable_autostart_of(const std::string& type, const std::vector<std::string>
 
 int import_conns(const std::string& type, const std::string& exportText,
                  std::list<std::string>& enabled) {
-    CarriedExport parsed = parse_export(exportText);
+    ParsedText parsed = parse_text(exportText);
     if (parsed.root == nullptr) {
         return kDocumentUnusable;
     }
@@ -745,7 +736,7 @@ int import_conns(const std::string& type, const std::string& exportText,
     }
     // Only the names are needed from here on.
     const std::vector<std::string> names = names_of(*conns);
-    parsed = CarriedExport();
+    parsed = ParsedText();
     command_status(format_command(kCommandLimit, "regsh import %s", kImportFile));
     command_status(
         format_command(kCommandLimit, "regsh commit %s", connections_path(type).c_str()));
@@ -784,7 +775,7 @@ bool merge_existing_conns(const std::string& type, NTiXmlElement* pConns) {
         tell(kNoGeneral);
         return false;
     }
-    const CarriedExport current = parse_export(general->Text());
+    const ParsedText current = parse_text(general->Text());
     const NTiXmlElement* existing = current.root == nullptr ? nullptr : get_ele_conns(current.root);
     if (existing == nullptr) {
         return false;
@@ -887,7 +878,7 @@ int SetDefaultConnection(const NTiXmlElement* pRoot, const std::string& type) {
             continue;
         }
         if (connections == nullptr) {
-            const CarriedExport parsed = parse_export(general->Text());
+            const ParsedText parsed = parse_text(general->Text());
             if (parsed.root == nullptr) {
                 return kDocumentUnusable;
             }

@@ -195,11 +195,12 @@ def test_type_of_odd_bytes_reaches_every_place_unchanged(device, client, type_na
 
 # Import
 
-def test_import_has_no_handler_yet(device, client):
+def test_import_gets_the_options(device, client):
     (device.home / "in.xml").write_bytes(b"<RDP/>\n")
+    client.on("contains", "root/ConnectionType/freerdp", status=1)
     assert ended(device.corvik("-set", "RDP", "-f", "in.xml", "-u", "bob", "-p", "pw1", "-r")) == (
-        2, b"", b"", log_of(b"RDP", b"in.xml", 2, remove=1))
-    assert client.calls == []
+        0, b"", b"", log_of(b"RDP", b"in.xml", 0, remove=1))
+    assert client.calls[-1] == ["regsh", "contains", "root/ConnectionType/freerdp"]
 
 
 # Streams that take nothing
