@@ -11,7 +11,7 @@ from registry_model import (DEFAULT, THEME, TYPE_NAMES, ConnectionsFile, Model, 
                             directories, label_of)
 
 # A search for more than the daily run has time for: CORVIK_EXAMPLES=1000
-EXAMPLES = int(os.environ.get("CORVIK_EXAMPLES", "40"))
+EXAMPLES = int(os.environ.get("CORVIK_EXAMPLES", "20"))
 
 SESSION = b"<session>\n  <host>%s</host>\n  <keys mark=\"&quot;\">a &amp; b</keys>\n</session>\n"
 WINDOW = b"<window>\n  <size>80x24</size>\n</window>\n"
