@@ -2,6 +2,7 @@
 
 #include "common/tinyxml.h"
 
+#include <list>
 #include <string>
 
 // Export and import of remote-session connections. The two roads:
