@@ -37,8 +37,3 @@ if(CORVIK_SANITIZE)
     -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
   target_link_options(corvik_flags INTERFACE -fsanitize=address,undefined)
 endif()
-
-if(CORVIK_COVERAGE)
-  target_compile_options(corvik_flags INTERFACE --coverage -fprofile-update=atomic)
-  target_link_options(corvik_flags INTERFACE --coverage)
-endif()

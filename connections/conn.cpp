@@ -17,7 +17,6 @@
 #include <climits>
 #include <cstdio>
 #include <cstring>
-#include <deque>
 #include <memory>
 #include <stdexcept>
 #include <string_view>
@@ -110,10 +109,15 @@ bool write_text(const std::string& file, std::string_view text) {
            writefile(file.c_str(), text.data(), static_cast<int>(text.size()));
 }
 
-// Prints the node and writes it without a copy of its text between.
+// Prints the node and writes it without a copy of its text between. False also when the text cannot
+// be held: indentation can make a small document of many levels print to gigabytes.
 bool write_printed(const std::string& file, const NTiXmlNode& node) {
     NTiXmlOutBuffer out;
-    node.Print(out, 0);
+    try {
+        node.Print(out, 0);
+    } catch (const std::exception&) {
+        return false;
+    }
     return write_text(file, {out.Text(), out.TextSize()});
 }
 
@@ -590,6 +594,15 @@ bool leaves_folder(const std::string& name) {
     return false;
 }
 
+// A session that cannot be printed does not stop the import either.
+void write_session_file(const std::string& path, const NTiXmlElement& session) {
+    try {
+        write_xml_text_file(path, ToString(session));
+    } catch (const std::exception&) {
+        std::fprintf(stderr, "Write file %s fail.\n", path.c_str());
+    }
+}
+
 void write_session_files(const NTiXmlElement& connection) {
     const NTiXmlElement* session = connection.ChildElement("KSS", 0);
     if (session == nullptr) {
@@ -604,9 +617,9 @@ void write_session_files(const NTiXmlElement& connection) {
         std::fprintf(stderr, "Invalid session file name %s.\n", file->c_str());
         return;
     }
-    write_xml_text_file(kSessionFolder + *file + ".kss", ToString(*session));
+    write_session_file(kSessionFolder + *file + ".kss", *session);
     if (const NTiXmlElement* window_settings = connection.ChildElement("WS", 0)) {
-        write_xml_text_file(kSessionFolder + *file + ".ws", ToString(*window_settings));
+        write_session_file(kSessionFolder + *file + ".ws", *window_settings);
     }
 }
 
@@ -657,8 +670,10 @@ namespace {
 // Keeps one directory for each enabled name, the first with its label, and removes the others.
 // Names that matched are taken out of `enabled`.
 void keep_enabled(const std::string& type, NTiXmlElement& conns, std::list<std::string>& enabled) {
-    std::unordered_map<std::string, std::deque<std::list<std::string>::iterator>> waiting;
-    for (auto name = enabled.begin(); name != enabled.end(); ++name) {
+    // Equal names stand in reverse, so that the first of them is taken off the end.
+    std::unordered_map<std::string, std::vector<std::list<std::string>::iterator>> waiting;
+    for (auto name = enabled.end(); name != enabled.begin();) {
+        --name;
         waiting[fold_case(*name)].push_back(name);
     }
     NTiXmlElementCursor dir(conns, "NodeDir");
@@ -668,8 +683,8 @@ void keep_enabled(const std::string& type, NTiXmlElement& conns, std::list<std::
             conns.RemoveChildElement(dir);
             continue;
         }
-        enabled.erase(found->second.front());
-        found->second.pop_front();
+        enabled.erase(found->second.back());
+        found->second.pop_back();
         dir.Next();
     }
     tell(kNoConnection);
@@ -754,7 +769,7 @@ std::unique_ptr<NTiXmlElement> deep_copy(const NTiXmlElement& element) {
     auto copy = std::make_unique<NTiXmlElement>();
     try {
         copy->Parse(ToString(element).c_str());
-    } catch (const NTiXmlException&) {
+    } catch (const std::exception&) {
         copy.reset();
     }
     return copy;

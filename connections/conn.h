@@ -21,9 +21,8 @@ int get_conn(const std::string& type, const std::string& file, const std::string
 
 // Exports the registry directory of one registry type into `pRoot`, the root of a connections file,
 // by way of the temporary file /tmp/TYPE.xml, which stays there when that fails. kSuccess,
-// kExportUnreadable, kExportFailed or kDocumentUnusable; throws as get_conn does for an export
-// without
-// "<".
+// kExportUnreadable, kExportFailed or kDocumentUnusable. Throws std::out_of_range when the export
+// holds no "<".
 int clone_conn(NTiXmlElement* pRoot, const std::string& type);
 
 // The same on the newer registry layout (image type 6), by the registry's default connection, which
@@ -99,7 +98,8 @@ int import_conns(const std::string& type, const std::string& exportText,
 // does not. False when the registry's state could not be had or copied.
 bool merge_existing_conns(const std::string& type, NTiXmlElement* pConns);
 
-// Switches off the autostart of each connection of the directory, which must not be null. Always 1.
+// Switches off the autostart of each connection of the directory, which must not be null, as
+// import_conns does on a zero client. Always 1.
 int disable_autostart(const std::string& type, const NTiXmlElement* pConns);
 
 // Makes the first connection that the file marks as default, and that its export holds, the

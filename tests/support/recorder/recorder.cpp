@@ -162,7 +162,7 @@ Rule note_call(const std::filesystem::path& folder, const Words& words) {
         throw std::runtime_error("calls cannot be noted");
     }
     const std::vector<Call> calls = read_calls(folder);
-    const Rule rule = choose_rule(read_rules(folder), calls, words);
+    Rule rule = choose_rule(read_rules(folder), calls, words);
     const char end = '\0';
     std::string note = std::to_string(words.size()) + end + std::to_string(rule.number) + end;
     for (const std::string& word : words) {
