@@ -10,7 +10,7 @@ import pytest
 
 from import_run import (DEFAULT, EXPORT_UNPARSED, GET_DEFAULT, GET_THEME, NO_GENERAL, RESET_DEFAULT,
                         THEME, WALK_OVER, ImportCase, Left, calls_of, classic, conn,
-                        connections_file, connections_path, defaulted, entry, export, imported,
+                        connections_file, connections_path, defaulted, entry, export, imported, key,
                         looked_up, merged, newer, refreshed, removed)
 
 PATH = connections_path("freerdp")
@@ -253,6 +253,34 @@ def test_a_registry_nested_too_deep(case):
         [*looked_up("freerdp"), *merged("freerdp", done=False), *imported("freerdp"),
          *refreshed("freerdp")], WALK_OVER + EXPORT_UNPARSED, document=document,
         tmp=["freerdp.xml", "import.xml"])
+
+
+SPREADING = nested(9000, "<b/>" * 20000)  # 150 KB, 360 MB when printed with its indentation
+
+
+@pytest.fixture
+def little_memory(programs, monkeypatch):
+    """Shell commands after which a program cannot have as much as SPREADING takes to print."""
+    if b"__asan_init" not in (programs / "corvik").read_bytes():
+        return "ulimit -v 250000"
+    monkeypatch.setenv("ASAN_OPTIONS", "allocator_may_return_null=1:max_allocation_size_mb=100")
+    return ""
+
+
+def test_a_document_that_spreads_beyond_memory_is_not_written(case, little_memory):
+    text = export(conn("id-1", "A", key("spread", "HERE"))).printed().replace("HERE", SPREADING)
+    left = case.set(connections_file(text, entry("A")), before=little_memory)
+    assert left == Left([*looked_up("freerdp"), *merged("freerdp")],
+                        2 * WALK_OVER + "Could not write /tmp/import.xml, errno=.\n", 23)
+
+
+def test_a_session_that_spreads_beyond_memory_does_not_stop_the_import(case, little_memory):
+    document = export(conn("id-1", "A"))
+    file = connections_file(document, entry("A", KSSFile="a", children=[("KSS", "HERE")]))
+    left = case.set(file.replace("HERE", SPREADING), "Tavrin", before=little_memory)
+    assert left == Left(classic("tavrin"),
+                        "Write file /etc/tavrin/connections/a.kss fail.\n" + 2 * WALK_OVER,
+                        document=document, typed="Tavrin")
 
 
 @pytest.mark.parametrize("cut", range(0, 420, 7))
