@@ -16,7 +16,6 @@
 namespace {
 
 using namespace std::string_literals;
-using testing::ElementsAre;
 
 // What an NTiXmlException carries.
 struct Failure {

@@ -12,7 +12,6 @@
 
 namespace {
 
-using testing::ElementsAre;
 using testing::ExitedWithCode;
 using testing::IsEmpty;
 
