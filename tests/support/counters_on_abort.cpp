@@ -2,7 +2,8 @@
 // which would be lost otherwise.
 #include <csignal>
 
-extern "C" void __gcov_dump();
+// The compiler's own name.
+extern "C" void __gcov_dump();  // NOLINT(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 
 namespace {
 
