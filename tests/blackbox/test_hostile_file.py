@@ -267,20 +267,28 @@ def little_memory(programs, monkeypatch):
     return ""
 
 
+def without_sanitizer(left):
+    """The sanitizer tells of each allocation that it refuses."""
+    refused = r"==\d+==WARNING: AddressSanitizer failed to allocate .*\n"
+    left.stderr = re.sub(refused, "", left.stderr)
+    return left
+
+
 def test_a_document_that_spreads_beyond_memory_is_not_written(case, little_memory):
     text = export(conn("id-1", "A", key("spread", "HERE"))).printed().replace("HERE", SPREADING)
     left = case.set(connections_file(text, entry("A")), before=little_memory)
-    assert left == Left([*looked_up("freerdp"), *merged("freerdp")],
-                        2 * WALK_OVER + "Could not write /tmp/import.xml, errno=.\n", 23)
+    assert without_sanitizer(left) == Left(
+        [*looked_up("freerdp"), *merged("freerdp")],
+        2 * WALK_OVER + "Could not write /tmp/import.xml, errno=.\n", 23)
 
 
 def test_a_session_that_spreads_beyond_memory_does_not_stop_the_import(case, little_memory):
     document = export(conn("id-1", "A"))
     file = connections_file(document, entry("A", KSSFile="a", children=[("KSS", "HERE")]))
     left = case.set(file.replace("HERE", SPREADING), "Tavrin", before=little_memory)
-    assert left == Left(classic("tavrin"),
-                        "Write file /etc/tavrin/connections/a.kss fail.\n" + 2 * WALK_OVER,
-                        document=document, typed="Tavrin")
+    assert without_sanitizer(left) == Left(
+        classic("tavrin"), "Write file /etc/tavrin/connections/a.kss fail.\n" + 2 * WALK_OVER,
+        document=document, typed="Tavrin")
 
 
 @pytest.mark.parametrize("cut", range(0, 420, 7))
