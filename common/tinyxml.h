@@ -231,7 +231,7 @@ class NTiXmlElementCursor;
 class NTiXmlElement : public NTiXmlNode {
 public:
     // Elements may be nested this deep; a deeper one is an "Element Parse error". No real document
-    // comes near it, and printing, which indents by depth, stays in proportion.
+    // comes near it. Printing indents by depth, so a deep document prints much larger than it is.
     static constexpr std::size_t kMaxDepth = 10000;
 
     NTiXmlElement() : NTiXmlNode(NTiXmlNodeType::kElement) {}
