@@ -11,7 +11,6 @@
 
 #include <strings.h>
 
-#include <algorithm>
 #include <array>
 #include <cctype>
 #include <climits>
