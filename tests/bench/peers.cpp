@@ -145,3 +145,17 @@ constexpr XmlPeerRow kPeers[] = {
 std::span<const XmlPeerRow> xml_peers() {
     return kPeers;
 }
+
+std::vector<std::pair<std::string, std::string>> peer_versions() {
+    constexpr int pugixml = PUGIXML_VERSION;  // 1130 is 1.13
+#if defined(__clang__)
+    const std::string compiler = "clang++ ";
+#else
+    const std::string compiler = "g++ ";
+#endif
+    return {{"compiler", compiler + __VERSION__},
+            {"pugixml", std::to_string(pugixml / 1000) + "." + std::to_string(pugixml % 1000 / 10)},
+            {"libxml2", LIBXML_DOTTED_VERSION},
+            {"expat", std::to_string(XML_MAJOR_VERSION) + "." + std::to_string(XML_MINOR_VERSION) +
+                          "." + std::to_string(XML_MICRO_VERSION)}};
+}

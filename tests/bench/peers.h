@@ -3,7 +3,10 @@
 #include <cstddef>
 #include <memory>
 #include <span>
+#include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 // The XML libraries that corvik's own tree is measured against, each behind the same three steps:
 // parse a text in memory, print the tree to memory, destroy both with the object.
@@ -32,3 +35,6 @@ struct XmlPeerRow {
 
 // "corvik" first.
 std::span<const XmlPeerRow> xml_peers();
+
+// What was compiled with and compared with, by name.
+std::vector<std::pair<std::string, std::string>> peer_versions();

@@ -2,6 +2,7 @@
 // JSON:
 //
 //   xml_once LIBRARY FILE
+//   xml_once --versions      prints those of the compiler and the libraries
 //
 // Times are nanoseconds. Sizes are bytes; "peak" is the greatest resident size so far, "tree" how
 // much the resident size grew while parsing. The file is read before anything is measured.
@@ -95,11 +96,24 @@ void measure(const std::string& library, const std::string& file) {
               << ", \"peak_printed\": " << peak_printed << "}\n";
 }
 
+void print_versions() {
+    const char* separator = "{";
+    for (const auto& [name, version] : peer_versions()) {
+        std::cout << separator << '"' << name << "\": \"" << version << '"';
+        separator = ", ";
+    }
+    std::cout << "}\n";
+}
+
 }  // namespace
 
 int main(int argc, char* argv[]) {
+    if (argc == 2 && std::string(argv[1]) == "--versions") {
+        print_versions();
+        return EXIT_SUCCESS;
+    }
     if (argc != 3) {
-        std::cerr << "Usage: xml_once LIBRARY FILE\n";
+        std::cerr << "Usage: xml_once LIBRARY FILE\n       xml_once --versions\n";
         return EXIT_FAILURE;
     }
     try {
