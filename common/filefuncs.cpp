@@ -1,14 +1,11 @@
 #include "common/filefuncs.h"
 
 #include "common/argument_check.h"
+#include "common/file_blocks.h"
 #include "common/file_handle.h"
 #include "common/string_tokens.h"
 
-#include <sys/stat.h>
-
-#include <array>
 #include <cstdio>
-#include <cstring>
 #include <limits>
 #include <memory>
 
@@ -23,14 +20,6 @@ std::string base_name(const std::string& path) {
     return separator == std::string::npos ? path : path.substr(separator + 1);
 }
 
-// Makes room for the rest of the file at once, where its size is known.
-void reserve_for(std::FILE* file, std::string& content) {
-    struct stat status {};
-    if (::fstat(::fileno(file), &status) == 0 && S_ISREG(status.st_mode)) {
-        content.reserve(content.size() + static_cast<std::size_t>(status.st_size));
-    }
-}
-
 }  // namespace
 
 bool readfile(const char* szfile, std::string& content) {
@@ -40,11 +29,7 @@ bool readfile(const char* szfile, std::string& content) {
     if (!file) {
         return false;
     }
-    reserve_for(file.get(), content);
-    std::array<char, kBlockSize> block;
-    while (const std::size_t got = std::fread(block.data(), 1, block.size(), file.get())) {
-        content.append(block.data(), strnlen(block.data(), got));
-    }
+    read_blocks(file.get(), kBlockSize, content);
     return true;
 }
 

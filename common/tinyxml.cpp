@@ -1,8 +1,7 @@
 #include "common/tinyxml.h"
 
-#include "common/file_handle.h"
+#include "common/tinyxml_memory.h"
 
-#include <cstdio>
 #include <cstdlib>
 #include <utility>
 
@@ -22,36 +21,76 @@ NTiXmlException::NTiXmlException(const char* file, int line, const std::string& 
     last_class_ = "NTiXmlException";
 }
 
-const NTiXmlAttribute* NTiXmlNode::FindAttribute(const char* name) const {
-    if (name == nullptr) {
-        return nullptr;
+NTiXmlAttribute::~NTiXmlAttribute() {
+    delete name_.String();
+    delete value_.String();
+}
+
+NTiXmlNode::~NTiXmlNode() {
+    // Nodes in the memory of another are never destroyed: this one's is its own.
+    delete memory_;
+}
+
+NTiXmlMemory& NTiXmlNode::Memory() {
+    if (memory_ == nullptr) {
+        memory_ = std::make_unique<NTiXmlMemory>().release();
     }
-    for (const NTiXmlAttribute& attribute : attributes_) {
-        if (attribute.Name() == name) {
-            return &attribute;
+    return *memory_;
+}
+
+std::string& NTiXmlNode::StringOf(NTiXmlText& text) {
+    if (text.String() == nullptr) {
+        text.SetString(Memory().Keep(std::string(text.View())));
+    }
+    return *text.String();
+}
+
+NTiXmlAttribute* NTiXmlNode::Find(std::string_view name) const {
+    for (NTiXmlAttribute* attribute : attributes_) {
+        if (attribute->Name() == name) {
+            return attribute;
         }
     }
     return nullptr;
 }
 
+const NTiXmlAttribute* NTiXmlNode::FindAttribute(const char* name) const {
+    return name == nullptr ? nullptr : Find(name);
+}
+
 const std::string* NTiXmlNode::AttributeValue(const char* name) const {
-    const NTiXmlAttribute* attribute = FindAttribute(name);
-    return attribute == nullptr ? nullptr : &attribute->Value();
+    NTiXmlAttribute* attribute = name == nullptr ? nullptr : Find(name);
+    if (attribute == nullptr) {
+        return nullptr;
+    }
+    if (attribute->value_.String() == nullptr) {
+        attribute->value_.SetString(memory_->Keep(std::string(attribute->Value())));
+    }
+    return attribute->value_.String();
 }
 
 const std::string* NTiXmlNode::AttributeValue(const std::string& name) const {
     return AttributeValue(name.c_str());
 }
 
+std::optional<std::string_view> NTiXmlNode::AttributeView(std::string_view name) const {
+    const NTiXmlAttribute* attribute = Find(name);
+    return attribute == nullptr ? std::nullopt : std::optional(attribute->Value());
+}
+
 const NTiXmlAttribute* NTiXmlNode::AttributeAt(int index) const {
     if (index < 0 || static_cast<std::size_t>(index) >= attributes_.size()) {
         return nullptr;
     }
-    return &attributes_.front();
+    return attributes_.front();
 }
 
-NTiXmlAttribute* NTiXmlNode::AddAttribute(const std::string& name, const std::string& value) {
-    return &attributes_.emplace_back(name, value);
+NTiXmlAttribute* NTiXmlNode::AddAttribute(std::string_view name, std::string_view value) {
+    NTiXmlAttribute* attribute = Memory().MakeAttribute();
+    memory_->SetCopy(attribute->name_, name);
+    memory_->SetCopy(attribute->value_, value);
+    attributes_.Append(*attribute);
+    return attribute;
 }
 
 void NTiXmlNode::CopyAttributesTo(NTiXmlNode* target) const {
@@ -61,19 +100,7 @@ void NTiXmlNode::CopyAttributesTo(NTiXmlNode* target) const {
     // Counted first: the target may be this very node.
     std::size_t left = attributes_.size();
     for (auto at = attributes_.begin(); left > 0; ++at, --left) {
-        target->AddAttribute(at->Name(), at->Value());
-    }
-}
-
-NTiXmlElement::~NTiXmlElement() {
-    // Each element below hands its children on before it goes, so that no depth costs stack.
-    NTiXmlNodeList pending = std::move(children_);
-    while (!pending.empty()) {
-        if (pending.front()->Type() == NTiXmlNodeType::kElement) {
-            auto& element = static_cast<NTiXmlElement&>(*pending.front());
-            pending.splice(std::next(pending.begin()), element.children_);
-        }
-        pending.pop_front();
+        target->AddAttribute((*at)->Name(), (*at)->Value());
     }
 }
 
@@ -96,65 +123,77 @@ NTiXmlElement* NTiXmlElement::ChildElementAt(int index) const {
     if (index < 0) {
         return nullptr;
     }
-    for (const auto& child : children_) {
+    for (NTiXmlNode* child : children_) {
         if (child->Type() == NTiXmlNodeType::kElement && index-- == 0) {
-            return static_cast<NTiXmlElement*>(child.get());
+            return static_cast<NTiXmlElement*>(child);
         }
     }
     return nullptr;
 }
 
-NTiXmlElement* NTiXmlElement::AddChildElement(const std::string& name, const std::string& text) {
-    auto element = std::make_unique<NTiXmlElement>();
-    element->Name() = name;
-    element->Text() = text;
-    children_.push_back(std::move(element));
-    return static_cast<NTiXmlElement*>(children_.back().get());
+NTiXmlElement* NTiXmlElement::AddChildElement(std::string_view name, std::string_view text) {
+    auto* element = Memory().MakeNode<NTiXmlElement>();
+    Memory().SetCopy(element->name_, name);
+    Memory().SetCopy(element->text_, text);
+    children_.Append(*element);
+    return element;
 }
 
 void NTiXmlElement::AppendChild(NTiXmlNode* child) {
-    children_.push_back(std::unique_ptr<NTiXmlNode>(child));
+    Memory().Adopt(std::unique_ptr<NTiXmlNode>(child));
+    children_.Append(*child);
 }
 
 bool NTiXmlElement::RemoveChildElement(NTiXmlNode* child) {
-    for (auto at = children_.begin(); at != children_.end(); ++at) {
-        if (at->get() == child && (*at)->Type() == NTiXmlNodeType::kElement) {
-            children_.erase(at);
+    NTiXmlNode* before = nullptr;
+    for (NTiXmlNode* at : children_) {
+        if (at == child && at->Type() == NTiXmlNodeType::kElement) {
+            RemoveAfter(before);
             return true;
         }
+        before = at;
     }
     return false;
 }
 
 void NTiXmlElement::RemoveChildElement(NTiXmlElementCursor& cursor) {
-    cursor.at_ = children_.erase(cursor.at_);
+    NTiXmlNode* following = children_.After(*cursor.at_);
+    RemoveAfter(cursor.before_);
+    cursor.at_ = following;
     cursor.SkipOthers();
 }
 
-NTiXmlElementCursor::NTiXmlElementCursor(const NTiXmlElement& parent, const char* name)
-    : children_(&parent.Children()), at_(children_->begin()), name_(name) {
+void NTiXmlElement::RemoveAfter(NTiXmlNode* before) {
+    NTiXmlNode* removed = before == nullptr ? children_.front() : children_.After(*before);
+    children_.RemoveAfter(before);
+    Memory().Release(*removed);
+}
+
+NTiXmlElementCursor::NTiXmlElementCursor(const NTiXmlElement& parent, std::string_view name)
+    : children_(&parent.Children()),
+      at_(children_->empty() ? nullptr : children_->front()),
+      name_(name) {
     SkipOthers();
 }
 
-NTiXmlElement* NTiXmlElementCursor::Get() const {
-    return *this ? static_cast<NTiXmlElement*>(at_->get()) : nullptr;
-}
-
 void NTiXmlElementCursor::Next() {
-    ++at_;
+    before_ = at_;
+    at_ = children_->After(*at_);
     SkipOthers();
 }
 
 void NTiXmlElementCursor::SkipOthers() {
-    while (*this && ((*at_)->Type() != NTiXmlNodeType::kElement || Get()->Name() != name_)) {
-        ++at_;
+    while (at_ != nullptr &&
+           (at_->Type() != NTiXmlNodeType::kElement || Get()->NameView() != name_)) {
+        before_ = at_;
+        at_ = children_->After(*at_);
     }
 }
 
 NTiXmlElement* NTiXmlDoc::RootElement() const {
-    for (const auto& child : children_) {
+    for (NTiXmlNode* child : children_) {
         if (child->Type() == NTiXmlNodeType::kElement) {
-            return static_cast<NTiXmlElement*>(child.get());
+            return static_cast<NTiXmlElement*>(child);
         }
     }
     return nullptr;

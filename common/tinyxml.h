@@ -3,8 +3,8 @@
 #include <cstdint>
 #include <cstring>
 #include <exception>
-#include <list>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -56,7 +56,7 @@ private:
     std::string remainder_;
 };
 
-// The growing text that nodes print into.
+// The growing text that nodes print into. After an exception it holds nothing of use.
 class NTiXmlOutBuffer {
 public:
     NTiXmlOutBuffer() = default;
@@ -68,7 +68,8 @@ public:
     void Append(std::string_view text);
     // The same for text that holds no NUL, such as the markup itself.
     void AppendMarkup(std::string_view text) {
-        char* at = Reserve(text.size());
+        Count(text.size());
+        char* at = Room(text.size());
         std::memcpy(at, text.data(), text.size());
         End(at + text.size());
     }
@@ -87,12 +88,18 @@ public:
     std::uint32_t Capacity() const { return capacity_; }
 
 private:
-    // Counts the bytes in and returns where they go.
-    char* Reserve(std::size_t count) {
+    // Reserves `count` bytes.
+    void Count(std::size_t count) {
         if (count >= capacity_ - length_) {
             GrowCapacity(count);
         }
         length_ += static_cast<std::uint32_t>(count);
+    }
+    // Where the next `count` bytes and a NUL can be written.
+    char* Room(std::size_t count) {
+        if (count >= allocated_ - end_) {
+            GrowMemory(count);
+        }
         return text_.get() + end_;
     }
     // Sets the NUL behind what was written.
@@ -101,7 +108,8 @@ private:
         end_ = static_cast<std::size_t>(at - text_.get());
     }
     void GrowCapacity(std::size_t count);
-    void GrowMemory();
+    void GrowMemory(std::size_t count);
+    void AppendEscapedPiece(std::string_view piece);
 
     struct Freer {
         void operator()(char* text) const;
@@ -110,8 +118,11 @@ private:
     std::uint32_t length_ = 0;
     std::uint32_t capacity_ = 0;
     std::size_t end_ = 0;        // where the next append goes
-    std::size_t allocated_ = 0;  // bytes behind text_: at least the capacity, growing by doubling
+    std::size_t allocated_ = 0;  // bytes behind text_, growing by doubling
 };
+
+class NTiXmlMemory;
+class NTiXmlParser;
 
 class NTiXmlBase {
 public:
@@ -122,27 +133,116 @@ public:
 
     // Consumes one construct that starts at `p` (NUL-terminated, not null) and returns the position
     // behind it. Throws NTiXmlException on malformed input. A declaration that the text cuts off
-    // returns null.
+    // returns null. Nothing of the text at `p` is used after the call.
     virtual const char* Parse(const char* p) = 0;
+};
+
+// A text of a tree: characters that stand elsewhere (in the source of a document, or in the memory
+// of the tree), or a string once somebody wants to change it.
+class NTiXmlText {
+public:
+    NTiXmlText() : characters_("") {}
+
+    std::string_view View() const {
+        return size_ == kIsString ? std::string_view(*string_)
+                                  : std::string_view(characters_, size_);
+    }
+    // The string, which must outlive this; null where there is none.
+    std::string* String() const { return size_ == kIsString ? string_ : nullptr; }
+
+    // False, and nothing changes, for a text of 4 GiB or more: that has to be a string.
+    bool SetView(std::string_view text) {
+        if (text.size() >= kIsString) {
+            return false;
+        }
+        characters_ = text.data();
+        size_ = static_cast<std::uint32_t>(text.size());
+        return true;
+    }
+    void SetString(std::string& text) {
+        string_ = &text;
+        size_ = kIsString;
+    }
+
+private:
+    static constexpr std::uint32_t kIsString = 0xFFFFFFFF;
+
+    union {
+        const char* characters_;
+        std::string* string_;
+    };
+    std::uint32_t size_ = 0;
+};
+
+// Things in a row, each linked to the next by its own next_ and the last one to the first. The row
+// owns nothing.
+template <class Link>
+class NTiXmlRow {
+public:
+    class Iterator {
+    public:
+        Iterator(const NTiXmlRow& row, Link* at) : row_(&row), at_(at) {}
+        Link* operator*() const { return at_; }
+        Iterator& operator++() {
+            at_ = row_->After(*at_);
+            return *this;
+        }
+        bool operator==(const Iterator& other) const { return at_ == other.at_; }
+
+    private:
+        const NTiXmlRow* row_;
+        Link* at_;
+    };
+    Iterator begin() const { return {*this, empty() ? nullptr : front()}; }
+    Iterator end() const { return {*this, nullptr}; }
+
+    bool empty() const { return last_ == nullptr; }
+    Link* front() const { return last_->next_; }  // not of an empty row
+    Link* back() const { return last_; }          // null of an empty row
+    // Null behind the last.
+    Link* After(const Link& link) const { return &link == last_ ? nullptr : link.next_; }
+    std::size_t size() const;  // counts them
+
+    void Append(Link& link) {
+        if (empty()) {
+            link.next_ = &link;
+        } else {
+            link.next_ = last_->next_;
+            last_->next_ = &link;
+        }
+        last_ = &link;
+    }
+    // Takes out the one behind `before`, or the first where `before` is null.
+    void RemoveAfter(Link* before);
+
+private:
+    Link* last_ = nullptr;
 };
 
 // Name and value, both as decoded text.
 class NTiXmlAttribute : public NTiXmlBase {
 public:
     NTiXmlAttribute() = default;
-    NTiXmlAttribute(std::string name, std::string value)
-        : name_(std::move(name)), value_(std::move(value)) {}
+    ~NTiXmlAttribute() override;  // only of those that stand by themselves
 
     // `p` may be null here; it then throws with the failure text "null point".
     const char* Parse(const char* p) override;
 
-    const std::string& Name() const { return name_; }
-    const std::string& Value() const { return value_; }
+    // Valid as long as the attribute is.
+    std::string_view Name() const { return name_.View(); }
+    std::string_view Value() const { return value_.View(); }
 
 private:
-    std::string name_;
-    std::string value_;
+    friend class NTiXmlNode;
+    friend class NTiXmlParser;
+    friend class NTiXmlRow<NTiXmlAttribute>;
+
+    NTiXmlAttribute* next_ = nullptr;
+    NTiXmlText name_;
+    NTiXmlText value_;
 };
+
+using NTiXmlAttributeList = NTiXmlRow<NTiXmlAttribute>;
 
 enum class NTiXmlNodeType : std::int32_t {
     kDoc = 0,
@@ -155,6 +255,7 @@ enum class NTiXmlNodeType : std::int32_t {
 class NTiXmlNode : public NTiXmlBase {
 public:
     explicit NTiXmlNode(NTiXmlNodeType type) : type_(type) {}
+    ~NTiXmlNode() override;  // only of those that stand by themselves
 
     // Appends this node and all below it to `out`, indented by `depth` steps of two blanks.
     virtual void Print(NTiXmlOutBuffer& out, int depth) const = 0;
@@ -162,36 +263,52 @@ public:
     NTiXmlNodeType Type() const { return type_; }
 
     // An element's text content, a comment's or extra's text, a declaration's version, a document's
-    // source text.
-    std::string& Text() { return text_; }
-    const std::string& Text() const { return text_; }
+    // source text. To read it, use TextView: it makes no string.
+    std::string& Text() { return StringOf(text_); }
+    // Valid until the text is changed.
+    std::string_view TextView() const { return text_.View(); }
 
     // The first attribute with exactly that name, or null; null also for a null name.
     const NTiXmlAttribute* FindAttribute(const char* name) const;
     // The value of that attribute, or null.
     const std::string* AttributeValue(const char* name) const;
     const std::string* AttributeValue(const std::string& name) const;
+    // The same without making a string. Valid as long as the node is.
+    std::optional<std::string_view> AttributeView(std::string_view name) const;
     // Null outside 0 .. number of attributes - 1; every valid index gives the first attribute,
     // which is what callers have always been given.
     const NTiXmlAttribute* AttributeAt(int index) const;
 
     // Appends an attribute, also where one of that name exists. Returns it, borrowed.
-    NTiXmlAttribute* AddAttribute(const std::string& name, const std::string& value);
+    NTiXmlAttribute* AddAttribute(std::string_view name, std::string_view value);
     // Appends copies of all attributes to `target`; nothing when it is null.
     void CopyAttributesTo(NTiXmlNode* target) const;
 
 protected:
-    using AttributeList = std::list<NTiXmlAttribute>;
-    AttributeList& Attributes() { return attributes_; }
-    const AttributeList& Attributes() const { return attributes_; }
+    const NTiXmlAttributeList& Attributes() const { return attributes_; }
+    // What the node, and all that is made below it, stands in. A node that stands by itself has its
+    // own, made when it is first needed.
+    NTiXmlMemory& Memory();
+    // The text as a string that can be changed.
+    std::string& StringOf(NTiXmlText& text);
 
 private:
-    AttributeList attributes_;  // in the order of insertion
+    friend class NTiXmlDoc;
+    friend class NTiXmlElement;
+    friend class NTiXmlMemory;
+    friend class NTiXmlParser;
+    friend class NTiXmlRow<NTiXmlNode>;
+
+    NTiXmlAttribute* Find(std::string_view name) const;
+
+    NTiXmlMemory* memory_ = nullptr;
+    NTiXmlNode* next_ = nullptr;
+    NTiXmlAttributeList attributes_;         // in the order of insertion
+    [[no_unique_address]] NTiXmlText text_;  // the type stands in its padding
     NTiXmlNodeType type_;
-    std::string text_;
 };
 
-using NTiXmlNodeList = std::list<std::unique_ptr<NTiXmlNode>>;
+using NTiXmlNodeList = NTiXmlRow<NTiXmlNode>;
 
 class NTiXmlDeclaration : public NTiXmlNode {
 public:
@@ -199,15 +316,14 @@ public:
     const char* Parse(const char* p) override;
     void Print(NTiXmlOutBuffer& out, int depth) const override;
 
-    const std::string& Version() const { return Text(); }
-    const std::string& Encoding() const { return encoding_; }
-    const std::string& Standalone() const { return standalone_; }
+    std::string_view Version() const { return TextView(); }
+    std::string_view Encoding() const { return encoding_.View(); }
+    std::string_view Standalone() const { return standalone_.View(); }
 
 private:
-    std::string* Field(const char* p);
-
-    std::string encoding_;
-    std::string standalone_;
+    friend class NTiXmlParser;
+    NTiXmlText encoding_;
+    NTiXmlText standalone_;
 };
 
 class NTiXmlComment : public NTiXmlNode {
@@ -235,13 +351,14 @@ public:
     static constexpr std::size_t kMaxDepth = 10000;
 
     NTiXmlElement() : NTiXmlNode(NTiXmlNodeType::kElement) {}
-    ~NTiXmlElement() override;
 
     const char* Parse(const char* p) override;
     void Print(NTiXmlOutBuffer& out, int depth) const override;
 
-    std::string& Name() { return name_; }
-    const std::string& Name() const { return name_; }
+    // To read it, use NameView: it makes no string.
+    std::string& Name() { return StringOf(name_); }
+    // Valid until the name is changed.
+    std::string_view NameView() const { return name_.View(); }
     const NTiXmlNodeList& Children() const { return children_; }
 
     // The index-th (from 0) direct child element of that name; null when name is null, index
@@ -253,25 +370,26 @@ public:
     NTiXmlElement* ChildElementAt(int index) const;
 
     // Appends an element with that name and text. Neither is checked. Returns it, borrowed.
-    NTiXmlElement* AddChildElement(const std::string& name, const std::string& text);
-    // Appends `child`, which must not be null nor owned by anyone: from now on this element owns
-    // it.
+    NTiXmlElement* AddChildElement(std::string_view name, std::string_view text);
+    // Appends `child`, which must not be null, must have been made by new and not be owned by
+    // anyone: from now on this element owns it.
     void AppendChild(NTiXmlNode* child);
     // Deletes that very child with all below it. False, and nothing changes, when it is no direct
-    // child element of this element.
+    // child element of this element. The memory of what a parse or AddChildElement made is given
+    // back with the whole tree.
     bool RemoveChildElement(NTiXmlNode* child);
     // Deletes the child that `cursor`, a cursor over this element, stands on, and moves the cursor
     // on.
     void RemoveChildElement(NTiXmlElementCursor& cursor);
 
 private:
-    friend class NTiXmlContentParser;
-    const char* ParseStartTag(const char* p, bool& has_content);
+    friend class NTiXmlParser;
+    void RemoveAfter(NTiXmlNode* before);
     bool PrintStartTag(NTiXmlOutBuffer& out, int depth) const;
     void PrintEndTag(NTiXmlOutBuffer& out, int depth) const;
 
-    std::string name_;
     NTiXmlNodeList children_;
+    NTiXmlText name_;
 };
 
 // Walks the direct child elements of one name in document order, each step from where it stands.
@@ -282,10 +400,10 @@ private:
 // through it.
 class NTiXmlElementCursor {
 public:
-    NTiXmlElementCursor(const NTiXmlElement& parent, const char* name);
+    NTiXmlElementCursor(const NTiXmlElement& parent, std::string_view name);
 
-    explicit operator bool() const { return at_ != children_->end(); }
-    NTiXmlElement* Get() const;  // null at the end
+    explicit operator bool() const { return at_ != nullptr; }
+    NTiXmlElement* Get() const { return static_cast<NTiXmlElement*>(at_); }  // null at the end
     NTiXmlElement& operator*() const { return *Get(); }
     NTiXmlElement* operator->() const { return Get(); }
     void Next();
@@ -295,7 +413,8 @@ private:
     void SkipOthers();
 
     const NTiXmlNodeList* children_;
-    NTiXmlNodeList::const_iterator at_;
+    NTiXmlNode* before_ = nullptr;  // the child before at_; null where at_ is the first
+    NTiXmlNode* at_;
     std::string_view name_;
 };
 
@@ -305,10 +424,16 @@ public:
     // Throws NTiXmlException "Invalid file name:NAME" when that file cannot be opened or read.
     // Nothing is parsed yet.
     NTiXmlDoc(std::string source, bool is_file);
+    // A document without a text, for ParseBorrowed.
+    NTiXmlDoc() : NTiXmlNode(NTiXmlNodeType::kDoc) {}
 
     // Parses `text`, or with null the text of the constructor, and appends the top-level nodes.
     // Nodes that stood before a failure stay.
     const char* Parse(const char* text) override;
+    // The same on a text that the caller keeps, unchanged, as long as the document lives: it is
+    // not copied, and does not become the document's text.
+    const char* ParseBorrowed(const std::string& text);
+    const char* ParseBorrowed(std::string&& text) = delete;
     void Print(NTiXmlOutBuffer& out, int depth) const override;
 
     // The first top-level element, or null.
@@ -316,10 +441,35 @@ public:
     const NTiXmlNodeList& Children() const { return children_; }
 
 private:
+    friend class NTiXmlParser;
     void ReadFile(const std::string& name);
+    void SetSource(std::string source);
 
     NTiXmlNodeList children_;
 };
+
+template <class Link>
+std::size_t NTiXmlRow<Link>::size() const {
+    std::size_t count = 0;
+    for (auto at = begin(); at != end(); ++at) {
+        ++count;
+    }
+    return count;
+}
+
+template <class Link>
+void NTiXmlRow<Link>::RemoveAfter(Link* before) {
+    Link* previous = before == nullptr ? last_ : before;
+    Link* removed = previous->next_;
+    if (removed == previous) {
+        last_ = nullptr;
+        return;
+    }
+    previous->next_ = removed->next_;
+    if (removed == last_) {
+        last_ = previous;
+    }
+}
 
 // The node printed at depth 0.
 std::string ToString(const NTiXmlNode& node);

@@ -1,13 +1,15 @@
 #include "common/tinyxml.h"
 
+#include "common/file_blocks.h"
 #include "common/file_handle.h"
+#include "common/tinyxml_memory.h"
 #include "common/xml_entities.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <optional>
 #include <utility>
 #include <vector>
 
@@ -20,15 +22,19 @@ constexpr const char* kCommentError = "Comment error";
 constexpr const char* kExtraError = "DocType error";
 constexpr const char* kDeclarationError = "Declaration Parse error";
 constexpr const char* kElementError = "Element Parse error";
+constexpr const char* kNoText = "null point";
 constexpr const char* kContentError = "ReadValue";
 
-// What a byte may be, as the C locale has it.
+// What a byte may be, as the C locale has it, and which bytes a run of text ends at.
 enum CharacterClass : std::uint8_t {
     kWhite = 1,
     kLetter = 2,
     kStartsName = 4,
     kContinuesName = 8,
-    kEndsRun = 16,  // the end of the text, markup and white space: not copied as it is
+    kEndsRun = 16,  // the end of the text, markup, white space
+    kDoubleQuote = 32,
+    kApostrophe = 64,
+    kAnyByte = 128,
 };
 
 constexpr std::array<std::uint8_t, 256> kCharacterClasses = [] {
@@ -46,10 +52,15 @@ constexpr std::array<std::uint8_t, 256> kCharacterClasses = [] {
     mark("0123456789-.", kContinuesName);
     mark("<>&", kEndsRun);
     mark(std::string_view("\0", 1), kEndsRun);
+    mark("\"", kDoubleQuote);
+    mark("'", kApostrophe);
+    for (auto& entry : classes) {
+        entry |= kAnyByte;
+    }
     return classes;
 }();
 
-bool is(char c, CharacterClass what) {
+bool is(char c, unsigned what) {
     return (kCharacterClasses[static_cast<unsigned char>(c)] & what) != 0;
 }
 
@@ -65,11 +76,34 @@ char lower_case(char c) {
     throw NTiXmlException(kSource, line, message, remainder);
 }
 
+[[noreturn]] void fail_empty() {
+    fail(835, "No content", "");
+}
+
+std::string_view between(const char* begin, const char* end) {
+    return {begin, static_cast<std::size_t>(end - begin)};
+}
+
+const char* skip_white(const char* p) {
+    while (is_white(*p)) {
+        ++p;
+    }
+    return p;
+}
+
+// The position of the first byte from p on that is one of what `stops` says.
+const char* find_stop(const char* p, unsigned stops) {
+    while (!is(*p, stops)) {
+        ++p;
+    }
+    return p;
+}
+
 // Appends the character that an entity at p stands for, or "&" itself, and returns the position
 // behind what was taken.
 const char* append_entity(const char* p, std::string& out) {
     for (const XmlEntity& entity : kXmlEntities) {
-        if (StringEqual(p, entity.text, false)) {
+        if (std::strncmp(p, entity.text.data(), entity.text.size()) == 0) {
             out += entity.character;
             return p + entity.text.size();
         }
@@ -78,40 +112,122 @@ const char* append_entity(const char* p, std::string& out) {
     return p + 1;
 }
 
-// Appends the byte at p with the ordinary ones behind it, or an entity's character.
-const char* append_run(const char* p, std::string& out, char end_tag) {
-    if (*p == '&') {
-        return append_entity(p, out);
+// What a text may end with: one byte that no run of text holds, or any tag.
+template <char Byte, unsigned Class>
+struct EndByte {
+    static constexpr unsigned stops = kEndsRun | Class;
+    static constexpr std::size_t size = 1;
+    static bool IsAt(const char* p) { return *p == Byte; }
+};
+struct EndTag {
+    static constexpr unsigned stops = kAnyByte;
+    std::string_view tag;
+    std::size_t size = tag.size();
+    bool IsAt(const char* p) const { return StringEqual(p, tag, true); }
+};
+using DoubleQuote = EndByte<'"', kDoubleQuote>;
+using Apostrophe = EndByte<'\'', kApostrophe>;
+using Markup = EndByte<'<', kEndsRun>;
+
+// A text in front of its end. Most texts stand in the source as they are; the others are condensed
+// and decoded into a string.
+class TextReader {
+public:
+    // Reads from p on. The result is the position behind the end, or null when the text ends or
+    // holds "<" or ">" before it.
+    template <class End>
+    const char* Read(const char* p, const End& end) {
+        const char* start = skip_white(p);
+        changed_ = false;
+        text_ = "";
+        for (p = find_stop(start, End::stops);; p = find_stop(p + 1, End::stops)) {
+            if (end.IsAt(p)) {
+                text_ = between(start, p);
+                return p + end.size;
+            }
+            const char* following = skip_white(p);
+            if (following > p && end.IsAt(following)) {
+                text_ = between(start, p);
+                return following + end.size;
+            }
+            if (*following == '<' || *following == '>' || *following == '\0') {
+                return nullptr;
+            }
+            const bool changes = *p == '&' || following > p + 1 || (following > p && *p != ' ');
+            if (changes) {
+                string_.assign(start, p);
+                return ReadChanged(p, end);
+            }
+        }
     }
-    const char* end = p + 1;
-    while (!is(*end, kEndsRun) && *end != end_tag) {
-        ++end;
+
+    // What was read, valid until the next read and as long as the source.
+    std::string_view Text() const { return changed_ ? std::string_view(string_) : text_; }
+    // The string that holds what was read, to be taken; null when it stands in the source.
+    std::string* Changed() { return changed_ ? &string_ : nullptr; }
+
+private:
+    template <class End>
+    const char* ReadChanged(const char* p, const End& end) {
+        changed_ = true;
+        bool pending_space = false;
+        while (*p != '\0') {
+            if (end.IsAt(p)) {
+                return p + end.size;
+            }
+            if (*p == '<' || *p == '>') {
+                return nullptr;
+            }
+            if (is_white(*p)) {
+                pending_space = true;
+                p = skip_white(p);
+                continue;
+            }
+            if (pending_space) {
+                string_ += ' ';
+                pending_space = false;
+            }
+            if (*p == '&') {
+                p = append_entity(p, string_);
+                continue;
+            }
+            const char* run_end = find_stop(p + 1, End::stops);
+            string_.append(p, run_end);
+            p = run_end;
+        }
+        return nullptr;
     }
-    out.append(p, end);
-    return end;
+
+    std::string_view text_ = "";
+    std::string string_;
+    bool changed_ = false;
+};
+
+// The position behind the name at p, or null when none starts there.
+const char* find_name_end(const char* p) {
+    if (!is(*p, kStartsName)) {
+        return nullptr;
+    }
+    do {
+        ++p;
+    } while (is(*p, kContinuesName));
+    return p;
 }
 
-// An empty node of the kind that starts at p, which stands on "<".
-std::unique_ptr<NTiXmlNode> identify_node(const char* p) {
-    if (StringEqual(p, "<?xml", true)) {
-        return std::make_unique<NTiXmlDeclaration>();
-    }
-    if (StringEqual(p, "<!--", true)) {
-        return std::make_unique<NTiXmlComment>();
-    }
+NTiXmlNodeType type_of_markup(const char* p) {
     if (is(p[1], kLetter) || p[1] == '_') {
-        return std::make_unique<NTiXmlElement>();
+        return NTiXmlNodeType::kElement;
     }
-    return std::make_unique<NTiXmlExtra>();
+    if (StringEqual(p, "<?xml", true)) {
+        return NTiXmlNodeType::kDeclaration;
+    }
+    return StringEqual(p, "<!--", true) ? NTiXmlNodeType::kComment : NTiXmlNodeType::kExtra;
 }
 
 }  // namespace
 
 const char* SkipWhite(const char* p) {
-    while (is_white(*p)) {
-        ++p;
-    }
-    return p;
+    return skip_white(p);
 }
 
 bool StringEqual(const char* p, std::string_view tag, bool ignore_case) {
@@ -127,240 +243,215 @@ bool StringEqual(const char* p, std::string_view tag, bool ignore_case) {
 
 const char* ReadName(const char* p, std::string& name) {
     name.clear();
-    if (!is(*p, kStartsName)) {
-        return nullptr;
+    const char* end = find_name_end(p);
+    if (end != nullptr) {
+        name.assign(p, end);
     }
-    const char* end = p + 1;
-    while (is(*end, kContinuesName)) {
-        ++end;
-    }
-    name.assign(p, end);
     return end;
 }
 
 const char* ReadText(const char* p, std::string& out, std::string_view end_tag) {
-    out.clear();
-    p = SkipWhite(p);
-    bool pending_space = false;
-    while (*p != '\0') {
-        if (StringEqual(p, end_tag, true)) {
-            return p + end_tag.size();
-        }
-        if (*p == '<' || *p == '>') {
-            return nullptr;
-        }
-        if (is_white(*p)) {
-            pending_space = true;
-            ++p;
-            continue;
-        }
-        if (pending_space) {
-            out += ' ';
-            pending_space = false;
-        }
-        p = append_run(p, out, end_tag.front());
-    }
-    return nullptr;
+    TextReader reader;
+    const char* end = reader.Read(p, EndTag{end_tag});
+    out = reader.Text();
+    return end;
 }
 
-const char* NTiXmlAttribute::Parse(const char* p) {
-    if (p == nullptr || *SkipWhite(p) == '\0') {
-        fail(266, kAttributeError, "null point");
+// Parses constructs into nodes of one tree. What it makes stands in that tree's memory; with a
+// source that outlives the tree, the texts stay where they are.
+class NTiXmlParser {
+public:
+    enum class Source { kStays, kGoes };
+
+    NTiXmlParser(NTiXmlMemory& memory, Source source) : memory_(memory), source_(source) {}
+
+    // The five kinds of construct. Each takes a position as Parse of the node does and returns the
+    // one behind the construct.
+    const char* ParseAttribute(const char* p, NTiXmlText& name, NTiXmlText& value);
+    const char* ParseComment(const char* p, NTiXmlComment& comment);
+    const char* ParseExtra(const char* p, NTiXmlExtra& extra);
+    const char* ParseDeclaration(const char* p, NTiXmlDeclaration& declaration);
+    const char* ParseElement(const char* p, NTiXmlElement& element);
+
+    // Appends the top-level nodes of the text at p.
+    const char* ParseNodes(const char* p, NTiXmlNodeList& nodes);
+
+    // Makes `text` what the reader has read, in the memory where it has to be.
+    void Set(NTiXmlText& text);
+
+private:
+    struct OpenElement {
+        NTiXmlElement* element;
+        const char* start;    // its "<"
+        const char* content;  // behind the ">" of its start tag
+    };
+
+    void SetVerbatim(NTiXmlText& text, std::string_view characters);
+    const char* ParseNonElement(const char* p, NTiXmlNodeType type, NTiXmlNodeList& nodes);
+    const char* ParseStartTag(const char* p, NTiXmlElement& element, bool& has_content);
+    const char* ParseContent(const char* p);
+    const char* ReadTrailingText(const char* p);
+    const char* ParseChildElement(const char* p);
+    const char* CloseElement(const char* p);
+    [[noreturn]] void FailContent(int line) { fail(line, kContentError, open_.back().content); }
+
+    NTiXmlMemory& memory_;
+    Source source_;
+    TextReader reader_;
+    std::vector<OpenElement> open_;  // from the element that is parsed to the innermost
+};
+
+void NTiXmlParser::Set(NTiXmlText& text) {
+    // A long text is taken, so that whoever wants it as a string finds one.
+    constexpr std::size_t kWorthTaking = 4096;
+    std::string* changed = reader_.Changed();
+    if (changed == nullptr) {
+        SetVerbatim(text, reader_.Text());
+    } else if (changed->size() < kWorthTaking) {
+        memory_.SetCopy(text, *changed);
+    } else {
+        text.SetString(memory_.Keep(std::move(*changed)));
+        changed->clear();
     }
-    const char* start = SkipWhite(p);
-    p = ReadName(start, name_);
+}
+
+void NTiXmlParser::SetVerbatim(NTiXmlText& text, std::string_view characters) {
+    if (source_ == Source::kGoes || !text.SetView(characters)) {
+        memory_.SetCopy(text, characters);
+    }
+}
+
+const char* NTiXmlParser::ParseAttribute(const char* p, NTiXmlText& name, NTiXmlText& value) {
+    const char* start = skip_white(p);
+    if (*start == '\0') {
+        fail(266, kAttributeError, kNoText);
+    }
+    p = find_name_end(start);
     if (p == nullptr || *p == '\0') {
         fail(273, kAttributeError, start);
     }
-    p = SkipWhite(p);
+    SetVerbatim(name, between(start, p));
+    p = skip_white(p);
     if (*p != '=') {
         fail(278, kAttributeError, start);
     }
-    p = SkipWhite(p + 1);
+    p = skip_white(p + 1);
     if (*p == '\0') {
         fail(285, kAttributeError, start);
     }
     if (*p != '"' && *p != '\'') {
         fail(299, kAttributeError, start);
     }
-    p = ReadText(p + 1, value_, std::string_view(p, 1));
+    p = *p == '"' ? reader_.Read(p + 1, DoubleQuote()) : reader_.Read(p + 1, Apostrophe());
     if (p == nullptr || *p == '\0') {
         fail(303, kAttributeError, start);
     }
+    Set(value);
     return p;
 }
 
-const char* NTiXmlComment::Parse(const char* p) {
-    Text().clear();
-    const char* start = SkipWhite(p);
+const char* NTiXmlParser::ParseComment(const char* p, NTiXmlComment& comment) {
+    const char* start = skip_white(p);
     constexpr std::string_view opening = "<!--";
     if (!StringEqual(start, opening, true)) {
         fail(394, kCommentError, start);
     }
-    p = ReadText(start + opening.size(), Text(), "-->");
+    p = reader_.Read(start + opening.size(), EndTag{"-->"});
     if (p == nullptr) {
         fail(399, kCommentError, start);
     }
+    Set(comment.text_);
     return p;
 }
 
-const char* NTiXmlExtra::Parse(const char* p) {
-    Text().clear();
-    const char* start = SkipWhite(p);
+const char* NTiXmlParser::ParseExtra(const char* p, NTiXmlExtra& extra) {
+    const char* start = skip_white(p);
     if (*start != '<') {
         fail(425, kExtraError, start);
     }
+    std::string text;
     p = start + 1;
     while (*p != '>') {
         if (*p == '\0') {
             fail(430, kExtraError, start);
         }
-        p = *p == '&' ? append_entity(p, Text()) : (Text() += *p, p + 1);
+        p = *p == '&' ? append_entity(p, text) : (text += *p, p + 1);
     }
+    memory_.SetCopy(extra.text_, text);
     return p + 1;
 }
 
-std::string* NTiXmlDeclaration::Field(const char* p) {
-    if (StringEqual(p, "version", true)) {
-        return &Text();
-    }
-    if (StringEqual(p, "encoding", true)) {
-        return &encoding_;
-    }
-    return StringEqual(p, "standalone", true) ? &standalone_ : nullptr;
-}
-
-const char* NTiXmlDeclaration::Parse(const char* p) {
-    p = SkipWhite(p);
+const char* NTiXmlParser::ParseDeclaration(const char* p, NTiXmlDeclaration& declaration) {
+    struct Field {
+        std::string_view name;
+        NTiXmlText& value;
+    };
+    const std::array fields = {Field{"version", declaration.text_},
+                               Field{"encoding", declaration.encoding_},
+                               Field{"standalone", declaration.standalone_}};
+    p = skip_white(p);
     constexpr std::string_view opening = "<?xml";
     if (!StringEqual(p, opening, true)) {
         fail(468, kDeclarationError, p);
     }
-    Text().clear();
-    encoding_.clear();
-    standalone_.clear();
-    p = SkipWhite(p + opening.size());
-    while (std::string* field = Field(p)) {
-        NTiXmlAttribute attribute;
-        p = SkipWhite(attribute.Parse(p));
-        *field = attribute.Value();
+    for (const Field& field : fields) {
+        field.value = NTiXmlText();
+    }
+    p = skip_white(p + opening.size());
+    const auto names_field = [&p](const Field& field) { return StringEqual(p, field.name, true); };
+    for (auto field = std::find_if(fields.begin(), fields.end(), names_field);
+         field != fields.end(); field = std::find_if(fields.begin(), fields.end(), names_field)) {
+        NTiXmlText name;
+        p = skip_white(ParseAttribute(p, name, field->value));
     }
     const char* end = std::strchr(p, '>');
     return end == nullptr ? nullptr : end + 1;
 }
 
-// Parses what stands between an element's start tag and the end of its end tag, with the elements
-// open at the moment on a stack of its own. An element is appended to its parent when its end tag
-// is read.
-class NTiXmlContentParser {
-public:
-    // `p` stands behind the start tag of `element`, which began at `start`.
-    const char* Parse(NTiXmlElement& element, const char* start, const char* p) {
-        Open(element, nullptr, start, p);
-        bool at_content = true;
-        while (!open_.empty()) {
-            at_content = at_content ? ReadContent() : CloseElement();
-        }
-        return p_;
-    }
-
-private:
-    struct OpenElement {
-        NTiXmlElement* element;
-        std::unique_ptr<NTiXmlElement> owner;  // null for the outermost, which the caller owns
-        const char* start;                     // its "<"
-        const char* content;                   // behind the ">" of its start tag
+const char* NTiXmlParser::ParseNonElement(const char* p, NTiXmlNodeType type,
+                                          NTiXmlNodeList& nodes) {
+    const auto parse = [&](auto* node, auto member) {
+        p = (this->*member)(p, *node);
+        nodes.Append(*node);
+        return p;
     };
-
-    void Open(NTiXmlElement& element, std::unique_ptr<NTiXmlElement> owner, const char* start,
-              const char* content) {
-        open_.push_back({&element, std::move(owner), start, content});
-        p_ = content;
+    switch (type) {
+        case NTiXmlNodeType::kDeclaration:
+            return parse(memory_.MakeNode<NTiXmlDeclaration>(), &NTiXmlParser::ParseDeclaration);
+        case NTiXmlNodeType::kComment:
+            return parse(memory_.MakeNode<NTiXmlComment>(), &NTiXmlParser::ParseComment);
+        default:
+            return parse(memory_.MakeNode<NTiXmlExtra>(), &NTiXmlParser::ParseExtra);
     }
+}
 
-    [[noreturn]] void FailContent(int line) { fail(line, kContentError, open_.back().content); }
-
-    // Takes one step through the content of the innermost element: a child or the text. False when
-    // its end tag is to come.
-    bool ReadContent() {
-        p_ = p_ == nullptr ? nullptr : SkipWhite(p_);
-        if (p_ == nullptr || *p_ == '\0') {
-            FailContent(771);
-        }
-        if (*p_ != '<') {
-            ReadTrailingText();
-            return false;
-        }
-        if (p_[1] == '/') {
-            return false;
-        }
-        ReadChild();
-        return true;
+const char* NTiXmlParser::ParseElement(const char* p, NTiXmlElement& element) {
+    bool has_content = false;
+    const char* content = ParseStartTag(p, element, has_content);
+    if (!has_content) {
+        return content;
     }
-
-    void ReadTrailingText() {
-        std::string& text = open_.back().element->Text();
-        const char* end = ReadText(p_, text, "<");
-        if (end == nullptr) {
-            FailContent(737);
-        }
-        p_ = end - 1;
+    open_.assign(1, {&element, skip_white(p), content});
+    p = content;
+    while (!open_.empty()) {
+        p = ParseContent(p);
     }
+    return p;
+}
 
-    void ReadChild() {
-        const char* start = p_;
-        std::unique_ptr<NTiXmlNode> child = identify_node(start);
-        if (child->Type() != NTiXmlNodeType::kElement) {
-            p_ = child->Parse(start);
-            open_.back().element->children_.push_back(std::move(child));
-            return;
-        }
-        if (open_.size() >= NTiXmlElement::kMaxDepth) {
-            fail(697, kElementError, start);
-        }
-        std::unique_ptr<NTiXmlElement> element(static_cast<NTiXmlElement*>(child.release()));
-        bool has_content = false;
-        p_ = element->ParseStartTag(start, has_content);
-        if (has_content) {
-            NTiXmlElement& opened = *element;
-            Open(opened, std::move(element), start, p_);
-        } else {
-            open_.back().element->children_.push_back(std::move(element));
-        }
-    }
-
-    // Reads the end tag of the innermost element. True: its parent's content goes on.
-    bool CloseElement() {
-        OpenElement closing = std::move(open_.back());
-        const std::string& name = closing.element->Name();
-        const bool closes = StringEqual(p_, "</", true) && StringEqual(p_ + 2, name, true) &&
-                            p_[2 + name.size()] == '>';
-        if (!closes) {
-            fail(705, kElementError, closing.start);
-        }
-        p_ += 2 + name.size() + 1;
-        open_.pop_back();
-        if (!open_.empty()) {
-            open_.back().element->children_.push_back(std::move(closing.owner));
-        }
-        return true;
-    }
-
-    std::vector<OpenElement> open_;
-    const char* p_ = nullptr;
-};
-
-const char* NTiXmlElement::ParseStartTag(const char* p, bool& has_content) {
-    const char* start = SkipWhite(p);
+const char* NTiXmlParser::ParseStartTag(const char* p, NTiXmlElement& element, bool& has_content) {
+    const char* start = skip_white(p);
     if (*start != '<') {
         fail(659, kElementError, start);
     }
-    p = ReadName(SkipWhite(start + 1), name_);
+    const char* name = skip_white(start + 1);
+    p = find_name_end(name);
     if (p == nullptr || *p == '\0') {
         fail(667, kElementError, start);
     }
+    SetVerbatim(element.name_, between(name, p));
     for (;;) {
-        p = SkipWhite(p);
+        p = skip_white(p);
         if (*p == '\0') {
             fail(679, kElementError, start);
         }
@@ -371,22 +462,141 @@ const char* NTiXmlElement::ParseStartTag(const char* p, bool& has_content) {
             has_content = *p == '>';
             return p + (has_content ? 1 : 2);
         }
-        p = Attributes().emplace_back().Parse(p);
+        NTiXmlAttribute* attribute = memory_.MakeAttribute();
+        p = ParseAttribute(p, attribute->name_, attribute->value_);
+        element.attributes_.Append(*attribute);
     }
 }
 
-const char* NTiXmlElement::Parse(const char* p) {
+// Takes one step through the content of the innermost element: a child's start, the text, its end.
+const char* NTiXmlParser::ParseContent(const char* p) {
+    p = p == nullptr ? nullptr : skip_white(p);
+    if (p == nullptr || *p == '\0') {
+        FailContent(771);
+    }
+    if (*p != '<') {
+        return CloseElement(ReadTrailingText(p));
+    }
+    if (p[1] == '/') {
+        return CloseElement(p);
+    }
+    const NTiXmlNodeType type = type_of_markup(p);
+    return type == NTiXmlNodeType::kElement
+               ? ParseChildElement(p)
+               : ParseNonElement(p, type, open_.back().element->children_);
+}
+
+const char* NTiXmlParser::ReadTrailingText(const char* p) {
+    p = reader_.Read(p, Markup());
+    if (p == nullptr) {
+        FailContent(737);
+    }
+    Set(open_.back().element->text_);
+    return p - 1;
+}
+
+const char* NTiXmlParser::ParseChildElement(const char* p) {
+    if (open_.size() >= NTiXmlElement::kMaxDepth) {
+        fail(697, kElementError, p);
+    }
+    auto* element = memory_.MakeNode<NTiXmlElement>();
     bool has_content = false;
-    const char* end = ParseStartTag(p, has_content);
-    return has_content ? NTiXmlContentParser().Parse(*this, SkipWhite(p), end) : end;
+    const char* start = p;
+    p = ParseStartTag(start, *element, has_content);
+    if (has_content) {
+        open_.push_back({element, start, p});
+    } else {
+        open_.back().element->children_.Append(*element);
+    }
+    return p;
+}
+
+// Reads the end tag of the innermost element, which now becomes its parent's child.
+const char* NTiXmlParser::CloseElement(const char* p) {
+    const OpenElement closing = open_.back();
+    const std::string_view name = closing.element->NameView();
+    const bool closes =
+        StringEqual(p, "</", true) && StringEqual(p + 2, name, true) && p[2 + name.size()] == '>';
+    if (!closes) {
+        fail(705, kElementError, closing.start);
+    }
+    open_.pop_back();
+    if (!open_.empty()) {
+        open_.back().element->children_.Append(*closing.element);
+    }
+    return p + 2 + name.size() + 1;
+}
+
+const char* NTiXmlParser::ParseNodes(const char* p, NTiXmlNodeList& nodes) {
+    p = skip_white(p);
+    while (p != nullptr && *p != '\0') {
+        if (*p != '<') {
+            fail(854, "Identify error", p);
+        }
+        const NTiXmlNodeType type = type_of_markup(p);
+        if (type == NTiXmlNodeType::kElement) {
+            auto* element = memory_.MakeNode<NTiXmlElement>();
+            p = ParseElement(p, *element);
+            nodes.Append(*element);
+        } else {
+            p = ParseNonElement(p, type, nodes);
+        }
+        p = p == nullptr ? nullptr : skip_white(p);
+    }
+    return p;
+}
+
+namespace {
+
+// For an attribute that stands by itself, which owns its strings.
+void set_own(NTiXmlText& text, std::string_view characters) {
+    if (text.String() == nullptr) {
+        text.SetString(*std::make_unique<std::string>().release());
+    }
+    *text.String() = characters;
+}
+
+}  // namespace
+
+const char* NTiXmlAttribute::Parse(const char* p) {
+    if (p == nullptr) {
+        fail(266, kAttributeError, kNoText);
+    }
+    NTiXmlMemory memory;
+    NTiXmlText name;
+    NTiXmlText value;
+    p = NTiXmlParser(memory, NTiXmlParser::Source::kStays).ParseAttribute(p, name, value);
+    set_own(name_, name.View());
+    set_own(value_, value.View());
+    return p;
+}
+
+const char* NTiXmlComment::Parse(const char* p) {
+    return NTiXmlParser(Memory(), NTiXmlParser::Source::kGoes).ParseComment(p, *this);
+}
+
+const char* NTiXmlExtra::Parse(const char* p) {
+    return NTiXmlParser(Memory(), NTiXmlParser::Source::kGoes).ParseExtra(p, *this);
+}
+
+const char* NTiXmlDeclaration::Parse(const char* p) {
+    return NTiXmlParser(Memory(), NTiXmlParser::Source::kGoes).ParseDeclaration(p, *this);
+}
+
+const char* NTiXmlElement::Parse(const char* p) {
+    return NTiXmlParser(Memory(), NTiXmlParser::Source::kGoes).ParseElement(p, *this);
 }
 
 NTiXmlDoc::NTiXmlDoc(std::string source, bool is_file) : NTiXmlNode(NTiXmlNodeType::kDoc) {
     if (is_file) {
         ReadFile(source);
     } else {
-        Text() = std::move(source);
+        SetSource(std::move(source));
     }
+}
+
+void NTiXmlDoc::SetSource(std::string source) {
+    text_.SetString(Memory().Keep(std::move(source)));
 }
 
 void NTiXmlDoc::ReadFile(const std::string& name) {
@@ -395,34 +605,33 @@ void NTiXmlDoc::ReadFile(const std::string& name) {
     if (!file) {
         throw NTiXmlException(kSource, 789, message, "");
     }
-    std::array<char, 1020> block;
-    std::size_t got = block.size();
-    while (got == block.size()) {
-        got = std::fread(block.data(), 1, block.size(), file.get());
-        Text().append(block.data(), strnlen(block.data(), got));
-    }
+    std::string text;
+    read_blocks(file.get(), 1020, text);
     if (std::ferror(file.get()) != 0) {
         throw NTiXmlException(kSource, 802, message, "");
     }
-    Text() += '\n';
+    text += '\n';
+    SetSource(std::move(text));
 }
 
 const char* NTiXmlDoc::Parse(const char* text) {
     if (text != nullptr) {
-        Text() = text;
+        SetSource(text);
     }
-    if (Text().empty()) {
-        throw NTiXmlException(kSource, 835, "No content", "");
+    if (TextView().empty()) {
+        fail_empty();
     }
-    const char* p = SkipWhite(Text().c_str());
-    while (p != nullptr && *p != '\0') {
-        if (*p != '<') {
-            fail(854, "Identify error", p);
-        }
-        std::unique_ptr<NTiXmlNode> node = identify_node(p);
-        p = node->Parse(p);
-        children_.push_back(std::move(node));
-        p = p == nullptr ? nullptr : SkipWhite(p);
+    const std::string_view source = TextView();
+    // The nodes stand in the source from now on: who asks for the text gets a copy to change.
+    const bool stays = text_.SetView(source);
+    return NTiXmlParser(Memory(),
+                        stays ? NTiXmlParser::Source::kStays : NTiXmlParser::Source::kGoes)
+        .ParseNodes(source.data(), children_);
+}
+
+const char* NTiXmlDoc::ParseBorrowed(const std::string& text) {
+    if (text.empty()) {
+        fail_empty();
     }
-    return p;
+    return NTiXmlParser(Memory(), NTiXmlParser::Source::kStays).ParseNodes(text.c_str(), children_);
 }

@@ -16,42 +16,22 @@ namespace {
 constexpr std::uint32_t kSpareCapacity = 1024;
 constexpr std::size_t kMostLength = std::numeric_limits<std::uint32_t>::max() - kSpareCapacity;
 
-// How much longer than the byte itself its escaped form is: 0 for all but the entities' characters.
-constexpr std::array<std::uint8_t, 256> kGrowth = [] {
-    std::array<std::uint8_t, 256> growth{};
+// For each byte the number of its entity, counted from 1; 0 for a byte that stands for itself.
+constexpr std::array<std::uint8_t, 256> kEntityNumbers = [] {
+    std::array<std::uint8_t, 256> numbers{};
+    std::uint8_t number = 0;
     for (const XmlEntity& entity : kXmlEntities) {
-        growth[static_cast<unsigned char>(entity.character)] =
-            static_cast<std::uint8_t>(entity.text.size() - 1);
+        numbers[static_cast<unsigned char>(entity.character)] = ++number;
     }
-    return growth;
+    return numbers;
 }();
-
-std::uint8_t growth_of(char c) {
-    return kGrowth[static_cast<unsigned char>(c)];
-}
-
-char* write_entity(char* at, char c) {
-    for (const XmlEntity& entity : kXmlEntities) {
-        if (entity.character == c) {
-            at = std::copy(entity.text.begin(), entity.text.end(), at);
-        }
-    }
-    return at;
-}
-
-std::size_t escaped_size(std::string_view text) {
-    std::size_t size = text.size();
-    for (const char c : text) {
-        size += growth_of(c);
-    }
-    return size;
-}
+constexpr std::size_t kLongestEntity = 6;
 
 void append_indentation(NTiXmlOutBuffer& out, int depth) {
     out.AppendBlanks(depth > 0 ? static_cast<std::size_t>(depth) * 2 : 0);
 }
 
-void append_field(NTiXmlOutBuffer& out, std::string_view name, const std::string& value) {
+void append_field(NTiXmlOutBuffer& out, std::string_view name, std::string_view value) {
     if (!value.empty()) {
         out.Append(name);
         out.AppendMarkup("=\"");
@@ -73,13 +53,10 @@ void NTiXmlOutBuffer::GrowCapacity(std::size_t count) {
         throw std::length_error("XML text of 4 GiB or more");
     }
     capacity_ = static_cast<std::uint32_t>(length) + kSpareCapacity;
-    if (capacity_ > allocated_) {
-        GrowMemory();
-    }
 }
 
-void NTiXmlOutBuffer::GrowMemory() {
-    const std::size_t size = std::max<std::size_t>(capacity_, allocated_ * 2);
+void NTiXmlOutBuffer::GrowMemory(std::size_t count) {
+    const std::size_t size = std::max(end_ + count + kSpareCapacity, allocated_ * 2);
     char* grown = static_cast<char*>(std::realloc(text_.get(), size));
     if (grown == nullptr) {
         throw std::bad_alloc();
@@ -91,25 +68,41 @@ void NTiXmlOutBuffer::GrowMemory() {
 
 void NTiXmlOutBuffer::Append(std::string_view text) {
     const std::string_view written = text.substr(0, text.find('\0'));
-    char* at = Reserve(text.size());
+    Count(text.size());
+    char* at = Room(written.size());
     End(std::copy(written.begin(), written.end(), at));
 }
 
 void NTiXmlOutBuffer::AppendEscaped(std::string_view text) {
-    const std::string_view written = text.substr(0, text.find('\0'));
-    char* at = Reserve(escaped_size(written) + (text.size() - written.size()));
-    for (const char c : written) {
-        if (growth_of(c) == 0) {
+    // In pieces, so that the room for the longest possible form stays small.
+    constexpr std::size_t kPiece = 4096;
+    std::string_view left = text.substr(0, text.find('\0'));
+    const std::size_t behind_nul = text.size() - left.size();
+    const std::size_t start = end_;
+    do {
+        AppendEscapedPiece(left.substr(0, kPiece));
+        left.remove_prefix(std::min(kPiece, left.size()));
+    } while (!left.empty());
+    Count(end_ - start + behind_nul);
+}
+
+void NTiXmlOutBuffer::AppendEscapedPiece(std::string_view piece) {
+    char* at = Room(piece.size() * kLongestEntity);
+    for (const char c : piece) {
+        const std::uint8_t number = kEntityNumbers[static_cast<unsigned char>(c)];
+        if (number == 0) {
             *at++ = c;
         } else {
-            at = write_entity(at, c);
+            const std::string_view entity = kXmlEntities[number - 1].text;
+            at = std::copy(entity.begin(), entity.end(), at);
         }
     }
     End(at);
 }
 
 void NTiXmlOutBuffer::AppendBlanks(std::size_t count) {
-    char* at = Reserve(count);
+    Count(count);
+    char* at = Room(count);
     std::memset(at, ' ', count);
     End(at + count);
 }
@@ -126,8 +119,8 @@ void NTiXmlDeclaration::Print(NTiXmlOutBuffer& out, int depth) const {
 void NTiXmlComment::Print(NTiXmlOutBuffer& out, int depth) const {
     append_indentation(out, depth);
     out.AppendMarkup("<!-- ");
-    if (!Text().empty()) {
-        out.Append(Text());
+    if (!TextView().empty()) {
+        out.Append(TextView());
         out.AppendMarkup(" ");
     }
     out.AppendMarkup("-->\n");
@@ -136,7 +129,7 @@ void NTiXmlComment::Print(NTiXmlOutBuffer& out, int depth) const {
 void NTiXmlExtra::Print(NTiXmlOutBuffer& out, int depth) const {
     append_indentation(out, depth);
     out.AppendMarkup("<");
-    out.Append(Text());
+    out.Append(TextView());
     out.AppendMarkup(">\n");
 }
 
@@ -145,27 +138,27 @@ void NTiXmlExtra::Print(NTiXmlOutBuffer& out, int depth) const {
 bool NTiXmlElement::PrintStartTag(NTiXmlOutBuffer& out, int depth) const {
     append_indentation(out, depth);
     out.AppendMarkup("<");
-    out.Append(name_);
-    for (const NTiXmlAttribute& attribute : Attributes()) {
+    out.Append(NameView());
+    for (const NTiXmlAttribute* attribute : Attributes()) {
         out.AppendMarkup(" ");
-        out.Append(attribute.Name());
+        out.Append(attribute->Name());
         out.AppendMarkup("=\"");
-        out.AppendEscaped(attribute.Value());
+        out.AppendEscaped(attribute->Value());
         out.AppendMarkup("\"");
     }
     if (!children_.empty()) {
         // Only a childless element's text is escaped; readers of these files count on it.
         out.AppendMarkup(">");
-        out.Append(Text());
+        out.Append(TextView());
         out.AppendMarkup("\n");
         return true;
     }
-    if (Text().empty()) {
+    if (TextView().empty()) {
         out.AppendMarkup("/>\n");
         return false;
     }
     out.AppendMarkup(">");
-    out.AppendEscaped(Text());
+    out.AppendEscaped(TextView());
     PrintEndTag(out, 0);
     return false;
 }
@@ -173,31 +166,32 @@ bool NTiXmlElement::PrintStartTag(NTiXmlOutBuffer& out, int depth) const {
 void NTiXmlElement::PrintEndTag(NTiXmlOutBuffer& out, int depth) const {
     append_indentation(out, depth);
     out.AppendMarkup("</");
-    out.Append(name_);
+    out.Append(NameView());
     out.AppendMarkup(">\n");
 }
 
 void NTiXmlElement::Print(NTiXmlOutBuffer& out, int depth) const {
     struct OpenElement {
         const NTiXmlElement* element;
-        NTiXmlNodeList::const_iterator next;
+        const NTiXmlNode* next;
     };
     std::vector<OpenElement> open;
     const auto print_start = [&](const NTiXmlElement& element, int at_depth) {
         if (element.PrintStartTag(out, at_depth)) {
-            open.push_back({&element, element.children_.begin()});
+            open.push_back({&element, element.children_.front()});
         }
     };
     print_start(*this, depth);
     while (!open.empty()) {
         OpenElement& top = open.back();
         const int inner_depth = depth + static_cast<int>(open.size());
-        if (top.next == top.element->children_.end()) {
+        if (top.next == nullptr) {
             top.element->PrintEndTag(out, inner_depth - 1);
             open.pop_back();
             continue;
         }
-        const NTiXmlNode& child = **top.next++;
+        const NTiXmlNode& child = *top.next;
+        top.next = top.element->children_.After(child);
         if (child.Type() == NTiXmlNodeType::kElement) {
             print_start(static_cast<const NTiXmlElement&>(child), inner_depth);
         } else {
@@ -207,7 +201,7 @@ void NTiXmlElement::Print(NTiXmlOutBuffer& out, int depth) const {
 }
 
 void NTiXmlDoc::Print(NTiXmlOutBuffer& out, int depth) const {
-    for (const auto& child : children_) {
+    for (const NTiXmlNode* child : children_) {
         child->Print(out, depth);
     }
 }

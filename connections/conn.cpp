@@ -48,15 +48,15 @@ std::string export_file(const std::string& type) {
     return "/tmp/" + type + ".xml";
 }
 
-bool attribute_equals(const NTiXmlElement& element, const char* name, const std::string& wanted) {
-    const std::string* value = element.AttributeValue(name);
-    return value != nullptr && *value == wanted;
+bool attribute_equals(const NTiXmlElement& element, std::string_view name,
+                      std::string_view wanted) {
+    return element.AttributeView(name) == wanted;
 }
 
 // The value of a registry key element: the text of its first NodeParam; empty without one.
 std::string key_value(const NTiXmlElement& key) {
     const NTiXmlElement* param = key.ChildElement("NodeParam", 0);
-    return param == nullptr ? std::string() : param->Text();
+    return param == nullptr ? std::string() : std::string(param->TextView());
 }
 
 // A document out of a text that is held in memory.
@@ -65,10 +65,11 @@ struct ParsedText {
     NTiXmlElement* root = nullptr;        // null also when there is no root element
 };
 
-ParsedText parse_text(std::string text) {
+// `text` must stay as it is as long as the document is used.
+ParsedText parse_text(const std::string& text) {
     try {
-        auto document = std::make_unique<NTiXmlDoc>(std::move(text), false);
-        document->Parse(nullptr);
+        auto document = std::make_unique<NTiXmlDoc>();
+        document->ParseBorrowed(text);
         NTiXmlElement* root = document->RootElement();
         return {std::move(document), root};
     } catch (const std::exception&) {
@@ -88,7 +89,7 @@ FoundLabel find_label(const std::string& type, const NTiXmlElement& dir) {
             continue;
         }
         if (const NTiXmlElement* param = key->ChildElement("NodeParam", 0)) {
-            found.label = param->Text();
+            found.label = param->TextView();
             return found;
         }
         ++found.missing_params;
@@ -144,7 +145,7 @@ std::string read_xml_file_string(const std::string& file) {
         std::fprintf(stderr, "read file %s fail\n", file.c_str());
         return "";
     }
-    const ParsedText parsed = parse_text(std::move(content));
+    const ParsedText parsed = parse_text(content);
     if (parsed.document == nullptr) {
         tell("Parse xml failed.\n");
     }
@@ -166,8 +167,8 @@ NTiXmlElement* get_ele_conns(const NTiXmlElement* pEle) {
     }
     for (NTiXmlElementCursor dir(*type_dir, "NodeDir"); dir; dir.Next()) {
         // A directory without a name ends the walk and is taken.
-        const std::string* name = dir->AttributeValue("name");
-        if (name == nullptr || *name == "connections") {
+        const auto name = dir->AttributeView("name");
+        if (!name || *name == "connections") {
             return dir.Get();
         }
     }
@@ -215,8 +216,8 @@ void attach_session(NTiXmlElement* connection, const Session& session) {
 void attach_sessions_of(const NTiXmlElement& dir, NTiXmlElement* connection) {
     Session session;
     for (NTiXmlElementCursor key(dir, "NodeKey"); key; key.Next()) {
-        const std::string* name = key->AttributeValue("name");
-        if (name == nullptr) {
+        const auto name = key->AttributeView("name");
+        if (!name) {
             return;
         }
         if (*name == "label") {
@@ -522,7 +523,7 @@ int write_conn_python(const NTiXmlElement* pRoot, const std::string& type, bool 
     if (result != kSuccess) {
         return result;
     }
-    const NTiXmlElement* general = pRoot->ChildElement("General", 0);
+    NTiXmlElement* general = pRoot->ChildElement("General", 0);
     if (general == nullptr) {
         tell(kNoGeneral);
         return kSuccess;
@@ -540,8 +541,7 @@ int write_conn_python(const NTiXmlElement* pRoot, const std::string& type, bool 
         tell(kNoConnection);
         return kNoConnections;
     }
-    const std::string* uuid = first->AttributeValue("name");
-    const std::string word = uuid == nullptr ? std::string() : shell_word(*uuid);
+    const std::string word = shell_word(std::string(first->AttributeView("name").value_or("")));
     command_status("regsh set root/ConnectionManager/defaultConnection  " + word);
     command_status("regsh commit root/ConnectionManager/defaultConnection");
     // Whatever watches the connection types sees a change when this key comes and goes.
@@ -627,7 +627,7 @@ void write_session_files(const NTiXmlElement& connection) {
 int exe_write(const NTiXmlElement* pRoot, const std::string& type) {
     check_argument(pRoot != nullptr, "pRoot",
                    {kUnit, __LINE__, "int exe_write(const NTiXmlElement*, const std::string&)"});
-    const NTiXmlElement* general = pRoot->ChildElement("General", 0);
+    NTiXmlElement* general = pRoot->ChildElement("General", 0);
     if (general == nullptr) {
         tell(kNoGeneral);
         return kSuccess;
@@ -657,7 +657,7 @@ bool write_xml_text_file(const std::string& path, const std::string& text) {
     if (parsed.root == nullptr) {
         return false;
     }
-    if (!write_text(path, parsed.root->Text())) {
+    if (!write_text(path, parsed.root->TextView())) {
         std::fprintf(stderr, "Write file %s fail.\n", path.c_str());
         return false;
     }
@@ -709,8 +709,8 @@ bool set_product_config(NTiXmlElement& root) {
 std::vector<std::string> names_of(const NTiXmlElement& conns) {
     std::vector<std::string> names;
     for (NTiXmlElementCursor dir(conns, "NodeDir"); dir; dir.Next()) {
-        if (const std::string* name = dir->AttributeValue("name")) {
-            names.push_back(*name);
+        if (const auto name = dir->AttributeView("name")) {
+            names.emplace_back(*name);
         }
     }
     return names;
@@ -784,7 +784,7 @@ bool merge_existing_conns(const std::string& type, NTiXmlElement* pConns) {
     if (clone_conn(&scratch, type) != kSuccess) {
         return false;
     }
-    const NTiXmlElement* general = scratch.ChildElement("General", 0);
+    NTiXmlElement* general = scratch.ChildElement("General", 0);
     if (general == nullptr) {
         tell(kNoGeneral);
         return false;
@@ -795,10 +795,10 @@ bool merge_existing_conns(const std::string& type, NTiXmlElement* pConns) {
         return false;
     }
     const std::vector<std::string> names = names_of(*pConns);
-    std::unordered_set<std::string> known(names.begin(), names.end());
+    std::unordered_set<std::string_view> known(names.begin(), names.end());
     for (NTiXmlElementCursor dir(*existing, "NodeDir"); dir; dir.Next()) {
-        const std::string* name = dir->AttributeValue("name");
-        if (name == nullptr || !known.insert(*name).second) {
+        const auto name = dir->AttributeView("name");
+        if (!name || !known.insert(*name).second) {
             continue;
         }
         std::unique_ptr<NTiXmlElement> copy = deep_copy(*dir);
@@ -827,8 +827,9 @@ public:
         for (NTiXmlElementCursor dir(conns, "NodeDir"); dir; dir.Next()) {
             const FoundLabel found = find_label(type, *dir);
             missing_params_ += found.missing_params;
-            if (const std::string* uuid = dir->AttributeValue("name")) {
-                by_label_.try_emplace(fold_case(found.label), Connection{*uuid, missing_params_});
+            if (const auto uuid = dir->AttributeView("name")) {
+                by_label_.try_emplace(fold_case(found.label),
+                                      Connection{std::string(*uuid), missing_params_});
             }
         }
     }
@@ -880,7 +881,7 @@ int SetDefaultConnection(const NTiXmlElement* pRoot, const std::string& type) {
     check_argument(
         pRoot != nullptr, "pRoot",
         {kUnit, __LINE__, "int SetDefaultConnection(const NTiXmlElement*, const std::string&)"});
-    const NTiXmlElement* general = pRoot->ChildElement("General", 0);
+    NTiXmlElement* general = pRoot->ChildElement("General", 0);
     if (general == nullptr) {
         tell(kNoGeneral);
         return kSuccess;

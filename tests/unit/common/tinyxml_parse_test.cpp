@@ -73,7 +73,7 @@ public:
 void describe(const NTiXmlNode& node, std::string& out);
 
 void describe_all(const NTiXmlNodeList& children, std::string& out) {
-    for (const auto& child : children) {
+    for (const NTiXmlNode* child : children) {
         describe(*child, out);
     }
 }
@@ -81,15 +81,18 @@ void describe_all(const NTiXmlNodeList& children, std::string& out) {
 void describe(const NTiXmlNode& node, std::string& out) {
     out += "DECTX"[static_cast<int>(node.Type())];
     if (const auto* element = dynamic_cast<const NTiXmlElement*>(&node)) {
-        out += ' ' + element->Name();
+        out += ' ';
+        out += element->NameView();
         const AttributeReader reader(node);
-        for (const auto& attribute : reader.Attributes()) {
-            out += " {" + attribute.Name() + "=" + attribute.Value() + "}";
+        for (const NTiXmlAttribute* attribute : reader.Attributes()) {
+            out += " {" + std::string(attribute->Name()) + "=" + std::string(attribute->Value()) +
+                   "}";
         }
     }
-    out += " '" + node.Text() + "' ";
+    out += " '" + std::string(node.TextView()) + "' ";
     if (const auto* declaration = dynamic_cast<const NTiXmlDeclaration*>(&node)) {
-        out += "'" + declaration->Encoding() + "' '" + declaration->Standalone() + "' ";
+        out += "'" + std::string(declaration->Encoding()) + "' '" +
+               std::string(declaration->Standalone()) + "' ";
     }
     if (const auto* element = dynamic_cast<const NTiXmlElement*>(&node)) {
         out += "(";
@@ -272,7 +275,7 @@ TEST(TinyXmlParseAttribute, WhiteSpaceAroundEachPart) {
 std::string attribute_value(const std::string& quoted) {
     NTiXmlAttribute attribute;
     attribute.Parse(("a=" + quoted + ">").c_str());
-    return attribute.Value();
+    return std::string(attribute.Value());
 }
 
 TEST(TinyXmlParseAttribute, BothQuotesAndTheOtherOneInside) {
@@ -443,7 +446,9 @@ TEST(TinyXmlParseDeclaration, ParsedAgainForgetsItsFields) {
     NTiXmlDeclaration declaration;
     declaration.Parse("<?xml version='1' encoding='2' standalone='3'?>");
     declaration.Parse("<?xml?>");
-    EXPECT_EQ(declaration.Version() + declaration.Encoding() + declaration.Standalone(), "");
+    EXPECT_EQ(declaration.Version(), "");
+    EXPECT_EQ(declaration.Encoding(), "");
+    EXPECT_EQ(declaration.Standalone(), "");
 }
 
 TEST(TinyXmlParseDeclaration, CutOffReturnsNull) {

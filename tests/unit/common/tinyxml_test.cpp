@@ -28,8 +28,8 @@ std::vector<std::string> attributes_of(const NTiXmlNode& node) {
     AnyNode copy(NTiXmlNodeType::kComment);
     node.CopyAttributesTo(&copy);
     std::vector<std::string> all;
-    for (const auto& attribute : copy.Attributes()) {
-        all.push_back(attribute.Name() + "=" + attribute.Value());
+    for (const NTiXmlAttribute* attribute : copy.Attributes()) {
+        all.push_back(std::string(attribute->Name()) + "=" + std::string(attribute->Value()));
     }
     return all;
 }
@@ -45,7 +45,7 @@ Node* append_new(NTiXmlElement& parent) {
 // The texts of all direct children, in order.
 std::vector<std::string> child_texts(const NTiXmlElement& parent) {
     std::vector<std::string> texts;
-    for (const auto& child : parent.Children()) {
+    for (NTiXmlNode* child : parent.Children()) {
         texts.push_back(child->Text());
     }
     return texts;
@@ -70,8 +70,8 @@ TEST(TinyXmlNode, EachKindHasItsTypeCode) {
 
 TEST(TinyXmlNode, ANewElementIsEmpty) {
     const NTiXmlElement element;
-    EXPECT_EQ(element.Name(), "");
-    EXPECT_EQ(element.Text(), "");
+    EXPECT_EQ(element.NameView(), "");
+    EXPECT_EQ(element.TextView(), "");
     EXPECT_TRUE(element.Children().empty());
     EXPECT_EQ(element.AttributeAt(0), nullptr);
 }
@@ -198,7 +198,7 @@ TEST(TinyXmlElement, AddChildElementAppendsAndReturnsTheChild) {
     ASSERT_NE(second, nullptr);
     EXPECT_EQ(second->Name(), "b c");
     EXPECT_EQ(second->Text(), "<2>");
-    EXPECT_EQ(parent.Children().back().get(), second);
+    EXPECT_EQ(parent.Children().back(), second);
     EXPECT_EQ(parent.Children().size(), 2U);
 }
 
@@ -208,8 +208,8 @@ TEST(TinyXmlElement, AppendChildTakesNodesOfEveryKindInOrder) {
     const NTiXmlNode* const extra = append_new<NTiXmlExtra>(parent);
     const NTiXmlNode* const element = append_new<NTiXmlElement>(parent);
     std::vector<const NTiXmlNode*> children;
-    for (const auto& child : parent.Children()) {
-        children.push_back(child.get());
+    for (NTiXmlNode* child : parent.Children()) {
+        children.push_back(child);
     }
     EXPECT_THAT(children, ElementsAre(comment, extra, element));
 }
@@ -334,7 +334,7 @@ using CountedNode = Counted<AnyNode>;
 
 NTiXmlElement* append_counted(NTiXmlElement& parent, int& gone) {
     parent.AppendChild(std::make_unique<CountedElement>(gone).release());
-    return static_cast<NTiXmlElement*>(parent.Children().back().get());
+    return static_cast<NTiXmlElement*>(parent.Children().back());
 }
 
 void append_counted_comment(NTiXmlElement& parent, int& gone) {
@@ -400,7 +400,7 @@ TEST(TinyXmlRemove, ACommentIsFalseAndStays) {
     int gone = 0;
     NTiXmlElement parent;
     append_counted_comment(parent, gone);
-    EXPECT_FALSE(parent.RemoveChildElement(parent.Children().front().get()));
+    EXPECT_FALSE(parent.RemoveChildElement(parent.Children().front()));
     EXPECT_EQ(gone, 0);
     EXPECT_EQ(parent.Children().size(), 1U);
 }

@@ -1,0 +1,115 @@
+#include "common/tinyxml_memory.h"
+
+#include <sys/mman.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+
+namespace {
+
+// From this size on blocks are made of the kernel's large pages, where it has them: a big document
+// then costs one page fault where it would cost hundreds.
+constexpr std::size_t kLargePage = std::size_t{2} << 20U;
+
+std::byte* allocate_block(std::size_t size) {
+    if (size < kLargePage) {
+        return static_cast<std::byte*>(std::malloc(size));
+    }
+    void* block = std::aligned_alloc(kLargePage, size);
+    if (block != nullptr) {
+        // Only advice: without it the block works as well.
+        static_cast<void>(::madvise(block, size, MADV_HUGEPAGE));
+    }
+    return static_cast<std::byte*>(block);
+}
+
+}  // namespace
+
+void NTiXmlMemory::Freer::operator()(std::byte* block) const {
+    std::free(block);
+}
+
+NTiXmlMemory::~NTiXmlMemory() {
+    // Each adopted node hands on what it has adopted itself before it goes, so that no depth costs
+    // stack.
+    std::vector<std::unique_ptr<NTiXmlNode>> pending;
+    const auto take = [&pending](Adopted& adopted) {
+        for (auto& entry : adopted) {
+            pending.push_back(std::move(entry.second));
+        }
+        adopted.clear();
+    };
+    take(adopted_);
+    while (!pending.empty()) {
+        const std::unique_ptr<NTiXmlNode> node = std::move(pending.back());
+        pending.pop_back();
+        if (node->memory_ != nullptr) {
+            take(node->memory_->adopted_);
+        }
+    }
+}
+
+std::string_view NTiXmlMemory::Copy(std::string_view text) {
+    if (text.empty()) {
+        return "";
+    }
+    char* copy = static_cast<char*>(Allocate(text.size()));
+    std::memcpy(copy, text.data(), text.size());
+    return {copy, text.size()};
+}
+
+void NTiXmlMemory::SetCopy(NTiXmlText& text, std::string_view characters) {
+    if (text.SetView(characters)) {
+        text.SetView(Copy(characters));
+    } else {
+        text.SetString(Keep(std::string(characters)));
+    }
+}
+
+std::string& NTiXmlMemory::Keep(std::string text) {
+    return strings_.emplace_front(std::move(text));
+}
+
+void NTiXmlMemory::Adopt(std::unique_ptr<NTiXmlNode> node) {
+    const NTiXmlNode* key = node.get();
+    adopted_.emplace(key, std::move(node));
+}
+
+void NTiXmlMemory::Release(NTiXmlNode& node) {
+    // An adopted node has all below it in memory of its own, a made one in this.
+    std::vector<NTiXmlNode*> pending;
+    if (!adopted_.empty()) {
+        pending.push_back(&node);
+    }
+    while (!pending.empty()) {
+        NTiXmlNode* at = pending.back();
+        pending.pop_back();
+        if (at->memory_ != this) {
+            adopted_.erase(at);
+        } else if (at->Type() == NTiXmlNodeType::kElement) {
+            for (NTiXmlNode* child : static_cast<NTiXmlElement*>(at)->Children()) {
+                pending.push_back(child);
+            }
+        }
+    }
+}
+
+void NTiXmlMemory::Grow(std::size_t size) {
+    // Blocks double, so that few are needed, and end at a size that leaves little of the last one
+    // unused.
+    constexpr std::size_t kLargestBlock = 2 * kLargePage;
+    std::size_t block_size = std::max(size, next_block_size_);
+    if (block_size >= kLargePage) {
+        block_size = (block_size + kLargePage - 1) / kLargePage * kLargePage;
+    }
+    Block& block = blocks_.emplace_back();
+    block.reset(allocate_block(block_size));
+    if (block == nullptr) {
+        throw std::bad_alloc();
+    }
+    next_ = block.get();
+    left_ = block_size;
+    next_block_size_ = std::min(next_block_size_ * 2, kLargestBlock);
+}
