@@ -25,7 +25,7 @@ LOOKS = {
     "sh script": ("#868e96", "2 3"),
 }
 WIDTH, HEIGHT = 460, 330  # of a panel, in pixels, with its title and labels
-LEFT, RIGHT, TOP, BOTTOM = 70, 20, 40, 50
+LEFT, RIGHT, TOP, BOTTOM = 70, 40, 40, 50
 LEGEND_HEIGHT = 40
 COLUMNS = 2
 
@@ -107,7 +107,7 @@ def rule(x1: float, y1: float, x2: float, y2: float) -> str:
 
 
 def draw_axes(panel: Panel, across: Scale, up: Scale) -> list[str]:
-    parts = [text(WIDTH / 2, 22, panel.title, more=' class="title"'),
+    parts = [text((LEFT + WIDTH - RIGHT) / 2, 22, panel.title, more=' class="title"'),
              text((LEFT + WIDTH - RIGHT) / 2, HEIGHT - 12, panel.axis)]
     for tick in across.ticks():
         x = across.place(tick)
