@@ -7,10 +7,13 @@
 
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <ostream>
 #include <random>
 #include <set>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -85,8 +88,8 @@ void describe(const NTiXmlNode& node, std::string& out) {
         out += element->NameView();
         const AttributeReader reader(node);
         for (const NTiXmlAttribute* attribute : reader.Attributes()) {
-            out += " {" + std::string(attribute->Name()) + "=" + std::string(attribute->Value()) +
-                   "}";
+            out +=
+                " {" + std::string(attribute->Name()) + "=" + std::string(attribute->Value()) + "}";
         }
     }
     out += " '" + std::string(node.TextView()) + "' ";
@@ -1017,6 +1020,333 @@ TEST(TinyXmlLaws, ParsedFromItsPrintATreeIsTheSame) {
         ASSERT_EQ(parsed_tree, made_tree) << printed;
         ASSERT_EQ(ToString(parsed), printed);
     }
+}
+
+// --- a plain reader of the dialect, to compare with
+
+// Reads a document one byte after the other into the form that described() gives.
+class PlainReader {
+public:
+    explicit PlainReader(const std::string& text) : text_(text.substr(0, text.find('\0'))) {}
+
+    // What was read before a failure stays in the tree.
+    std::string Read() {
+        SkipBlanks();
+        while (at_ < text_.size()) {
+            if (Now() != '<') {
+                Fail("Identify error", at_, 854);
+            }
+            tree_ += ReadMarkup();
+            SkipBlanks();
+        }
+        return tree_;
+    }
+    const std::string& Tree() const { return tree_; }
+
+private:
+    static constexpr std::string_view kBlanks = " \t\n\v\f\r";
+    static constexpr std::string_view kLetters =
+        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
+
+    [[noreturn]] void Fail(const std::string& message, std::size_t from, int line) const {
+        throw Failure{message, text_.substr(from), line};
+    }
+    bool AtEnd() const { return at_ >= text_.size(); }
+    char Now() const { return text_[at_]; }  // a NUL at the end
+    static bool In(std::string_view set, char c) { return set.find(c) != std::string_view::npos; }
+    void SkipBlanks() {
+        while (!AtEnd() && In(kBlanks, Now())) {
+            ++at_;
+        }
+    }
+    bool Follows(std::string_view tag) const {
+        const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? c + 32 : c + 0; };
+        for (std::size_t index = 0; index < tag.size(); ++index) {
+            if (at_ + index >= text_.size() || lower(text_[at_ + index]) != lower(tag[index])) {
+                return false;
+            }
+        }
+        return true;
+    }
+
+    std::string Character() {
+        for (const auto& [entity, character] : std::vector<std::pair<std::string, std::string>>{
+                 {"&amp;", "&"}, {"&lt;", "<"}, {"&gt;", ">"}, {"&quot;", "\""}, {"&apos;", "'"}}) {
+            if (text_.compare(at_, entity.size(), entity) == 0) {
+                at_ += entity.size();
+                return character;
+            }
+        }
+        return {text_[at_++]};
+    }
+
+    std::optional<std::string> Text(std::string_view end) {
+        std::string out;
+        for (bool blank = false; !AtEnd();) {
+            if (Follows(end)) {
+                at_ += end.size();
+                return out;
+            }
+            if (In("<>", Now())) {
+                return std::nullopt;
+            }
+            if (In(kBlanks, Now())) {
+                blank = true;
+                ++at_;
+                continue;
+            }
+            out += blank && !out.empty() ? " " : "";
+            out += Character();
+            blank = false;
+        }
+        return std::nullopt;
+    }
+
+    std::optional<std::string> Name() {
+        std::string name;
+        const auto starts = [](char c) { return In(kLetters, c) || c == '_' || c == ':'; };
+        while (!AtEnd() && (starts(Now()) || (!name.empty() && In("0123456789-.", Now())))) {
+            name += text_[at_++];
+        }
+        return name.empty() || AtEnd() ? std::nullopt : std::optional(name);
+    }
+
+    std::pair<std::string, std::string> Attribute() {
+        constexpr const char* message = "attribute pair error";
+        SkipBlanks();
+        if (AtEnd()) {
+            throw Failure{message, "null point", 266};
+        }
+        const std::size_t start = at_;
+        const std::optional<std::string> name = Name();
+        if (!name) {
+            Fail(message, start, 273);
+        }
+        SkipBlanks();
+        if (AtEnd() || Now() != '=') {
+            Fail(message, start, 278);
+        }
+        ++at_;
+        SkipBlanks();
+        if (AtEnd() || !In("\"'", Now())) {
+            Fail(message, start, AtEnd() ? 285 : 299);
+        }
+        const std::string quote(1, text_[at_++]);
+        const std::optional<std::string> value = Text(quote);
+        if (!value || AtEnd()) {
+            Fail(message, start, 303);
+        }
+        return {*name, *value};
+    }
+
+    std::string ReadMarkup() {
+        const char next = at_ + 1 < text_.size() ? text_[at_ + 1] : '>';
+        if (In(kLetters, next) || next == '_') {
+            return ReadElement();
+        }
+        if (Follows("<?xml")) {
+            return ReadDeclaration();
+        }
+        return Follows("<!--") ? ReadComment() : ReadExtra();
+    }
+
+    std::string ReadComment() {
+        const std::size_t start = at_;
+        at_ += 4;
+        const std::optional<std::string> text = Text("-->");
+        if (!text) {
+            Fail("Comment error", start, 399);
+        }
+        return "C '" + *text + "' ";
+    }
+
+    std::string ReadExtra() {
+        const std::size_t start = at_++;
+        std::string text;
+        while (!AtEnd() && Now() != '>') {
+            text += Character();
+        }
+        if (AtEnd()) {
+            Fail("DocType error", start, 430);
+        }
+        ++at_;
+        return "X '" + text + "' ";
+    }
+
+    std::string ReadDeclaration() {
+        std::string version;
+        std::string encoding;
+        std::string standalone;
+        at_ += 5;
+        for (SkipBlanks();; SkipBlanks()) {
+            std::string* const field = Follows("version")      ? &version
+                                       : Follows("encoding")   ? &encoding
+                                       : Follows("standalone") ? &standalone
+                                                               : nullptr;
+            if (field == nullptr) {
+                break;
+            }
+            *field = Attribute().second;
+        }
+        const std::size_t end = text_.find('>', at_);
+        at_ = end == std::string::npos ? text_.size() : end + 1;
+        return "T '" + version + "' '" + encoding + "' '" + standalone + "' ";
+    }
+
+    std::string ReadElement() {
+        const std::size_t start = at_++;
+        const std::optional<std::string> name = Name();
+        if (!name) {
+            Fail("Element Parse error", start, 667);
+        }
+        std::string out = "E " + *name;
+        for (SkipBlanks(); !AtEnd() && !In("/>", Now()); SkipBlanks()) {
+            const auto [attribute, value] = Attribute();
+            out += " {" + attribute + "=" + value + "}";
+        }
+        if (AtEnd()) {
+            Fail("Element Parse error", start, 679);
+        }
+        if (text_[at_++] == '/') {
+            if (AtEnd() || text_[at_++] != '>') {
+                Fail("Element Parse error", start, 686);
+            }
+            return out + " '' ()";
+        }
+        return out + ReadContent(start, *name);
+    }
+
+    std::string ReadContent(std::size_t start, const std::string& name) {
+        const std::size_t content = at_;
+        std::string children;
+        std::string text;
+        for (SkipBlanks(); !AtEnd() && Now() == '<' && !Follows("</"); SkipBlanks()) {
+            children += ReadMarkup();
+        }
+        if (AtEnd()) {
+            Fail("ReadValue", content, 771);
+        }
+        if (Now() != '<') {
+            const std::optional<std::string> read = Text("<");
+            if (!read) {
+                Fail("ReadValue", content, 737);
+            }
+            text = *read;
+            --at_;
+        }
+        const std::string end = "</" + name + ">";
+        if (!Follows(end)) {
+            Fail("Element Parse error", start, 705);
+        }
+        at_ += end.size();
+        return " '" + text + "' (" + children + ")";
+    }
+
+    std::string text_;
+    std::size_t at_ = 0;
+    std::string tree_;
+};
+
+// Writes documents of the dialect, most of them valid, with all that is condensed and decoded.
+class TextMaker {
+public:
+    explicit TextMaker(unsigned seed) : random_(seed) {}
+
+    std::string Document() {
+        std::string text = Blanks();
+        for (unsigned left = 1 + Below(3); left > 0; --left) {
+            text += Markup(3) + Blanks();
+        }
+        for (unsigned left = Below(2) * Below(4); left > 0; --left) {
+            Spoil(text);
+        }
+        return text;
+    }
+
+private:
+    unsigned Below(unsigned bound) { return static_cast<unsigned>(random_() % bound); }
+    template <std::size_t Count>
+    std::string Pick(const char* const (&choices)[Count]) {
+        return choices[Below(Count)];
+    }
+    std::string Blanks() { return Pick({"", "", "", " ", "\n", "\r\n\t", "  ", "\v\f"}); }
+    std::string Words() {
+        std::string text;
+        for (unsigned left = Below(5); left > 0; --left) {
+            text += Pick({"a", "word", " ", "  ", "\n", "&lt;", "&amp;", "&", "&amp", "&#65;", "-",
+                          "\xC3\xA4", "=", "/", "?", "!", "&gt;&quot;", "&apos;", "]]"});
+        }
+        return text;
+    }
+    std::string Attributes() {
+        std::string text;
+        for (unsigned left = Below(4); left > 0; --left) {
+            const std::string quote = Pick({"'", "\""});
+            text += " " + Pick({"a", "_b", ":c", "d-1.2"}) + Blanks() + "=" + Blanks() + quote +
+                    Words() + quote;
+        }
+        return text + Blanks();
+    }
+    std::string Markup(unsigned depth) {
+        switch (Below(8)) {
+            case 0:
+                return "<!--" + Words() + "-->";
+            case 1:
+                return "<" + Pick({"!d", "?p ", "!", "1", " "}) + Words() + ">";
+            case 2:
+                return "<?" + Pick({"xml", "XML"}) + Blanks() +
+                       Pick({"", "version='1.0'", "encoding=\"x  y\" version='&lt;'", "standalone",
+                             "Standalones=''"}) +
+                       Blanks() + Pick({"?>", ">"});
+            default:
+                return Element(depth);
+        }
+    }
+    std::string Element(unsigned depth) {
+        const std::string name = Pick({"a", "Name", "_b", "x-y.z:1"});
+        std::string text = "<" + name + Attributes();
+        if (Below(4) == 0) {
+            return text + "/>";
+        }
+        text += ">";
+        for (unsigned left = depth == 0 ? 0 : Below(4); left > 0; --left) {
+            text += Blanks() + Markup(depth - 1);
+        }
+        return text + Words() + "</" + (name == "Name" ? Pick({"Name", "NAME"}) : name) + ">";
+    }
+    void Spoil(std::string& text) {
+        constexpr std::string_view bytes("<>/&'\"=-!? x\t;a:\xE4\0", 18);
+        const std::size_t at = Below(static_cast<unsigned>(text.size()) + 1);
+        const char byte = bytes[Below(bytes.size())];
+        text.replace(at, Below(2), Below(2), byte);
+    }
+
+    std::mt19937 random_;
+};
+
+TEST(TinyXmlLaws, ADocumentIsReadAsAPlainReaderReadsIt) {
+    int failures = 0;
+    constexpr int kDocuments = 5000;
+    for (unsigned seed = 1; seed <= kDocuments; ++seed) {
+        const std::string text = TextMaker(seed).Document() + "\n";
+        PlainReader plain(text);
+        Failure wanted = {"no exception", "", 0};
+        try {
+            plain.Read();
+        } catch (const Failure& failure) {
+            wanted = failure;
+            ++failures;
+        }
+        NTiXmlDoc document(text, false);
+        ASSERT_EQ(failure_of([&] { document.Parse(nullptr); }), wanted) << text;
+        ASSERT_EQ(described(document), plain.Tree()) << text;
+        NTiXmlDoc borrowing;
+        ASSERT_EQ(failure_of([&] { borrowing.ParseBorrowed(text); }), wanted) << text;
+        ASSERT_EQ(described(borrowing), plain.Tree()) << text;
+    }
+    // Neither kind is rare.
+    EXPECT_GT(failures, kDocuments / 10);
+    EXPECT_LT(failures, kDocuments * 6 / 10);
 }
 
 }  // namespace

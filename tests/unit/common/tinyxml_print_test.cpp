@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -448,6 +449,99 @@ TEST(OutBuffer, SmallAppendsEndBeforeTheLengthPasses32Bits) {
     EXPECT_EQ(out.Length(), 0xFFFFFFFFU - 501U);
     EXPECT_THROW(out.AppendBlanks(10), std::length_error);
     EXPECT_EQ(out.Length(), 0xFFFFFFFFU - 501U);
+}
+
+// What an escaped append makes of a text: a plain loop over its bytes.
+std::string escaped(const std::string& text) {
+    std::string out;
+    for (const char c : text.substr(0, text.find('\0'))) {
+        switch (c) {
+            case '&':
+                out += "&amp;";
+                break;
+            case '<':
+                out += "&lt;";
+                break;
+            case '>':
+                out += "&gt;";
+                break;
+            case '"':
+                out += "&quot;";
+                break;
+            case '\'':
+                out += "&apos;";
+                break;
+            default:
+                out += c;
+        }
+    }
+    return out;
+}
+
+std::string bytes_of(const std::string& characters, std::size_t size) {
+    std::string text(size, '\0');
+    for (std::size_t at = 0; at < size; ++at) {
+        text[at] = characters[at % characters.size()];
+    }
+    return text;
+}
+
+// Escapes `text` behind a first byte and expects one append of its whole count.
+void expect_escaped(const std::string& text) {
+    const std::string form = escaped(text);
+    const std::size_t counted = form.size() + text.size() - std::strlen(text.c_str());
+    NTiXmlOutBuffer out;
+    out.Append("[");
+    out.AppendEscaped(text);
+    EXPECT_EQ(std::string(out.Text(), out.TextSize()), "[" + form);
+    EXPECT_EQ(std::strlen(out.Text()), out.TextSize());
+    EXPECT_EQ(out.Length(), 1 + counted);
+    EXPECT_EQ(out.Capacity(), 1 + counted < 1025 ? 1025 : 1 + counted + 1024);
+    out.AppendMarkup("]");
+    EXPECT_EQ(out.Text(), "[" + form + "]");
+    EXPECT_EQ(out.Length(), 2 + counted);
+}
+
+constexpr std::size_t kSizesAroundPieces[] = {0,    1,    1023, 1024, 1025, 4095,
+                                              4096, 4097, 8191, 8192, 8193, 10000};
+
+TEST(OutBuffer, EscapedTextsOfEverySizeAroundAPiece) {
+    for (const char* characters : {"x", "&", "<", ">", "\"", "'", "&x", "ab<cd>ef&'\""}) {
+        for (const std::size_t size : kSizesAroundPieces) {
+            SCOPED_TRACE(characters + std::to_string(size));
+            expect_escaped(bytes_of(characters, size));
+        }
+    }
+}
+
+TEST(OutBuffer, ANulBehindEachPieceEndsAnEscapedTextAndAllIsCounted) {
+    for (const std::size_t size : kSizesAroundPieces) {
+        SCOPED_TRACE(size);
+        expect_escaped(bytes_of("&x", size) + "\0"s);
+        expect_escaped(bytes_of("\"", size) + "\0&<"s + std::string(5000, '>'));
+    }
+}
+
+TEST(OutBuffer, AnEscapedTextGrowsTheCapacityOnlyWhenTheLengthReachesIt) {
+    NTiXmlOutBuffer out;
+    out.Append("");
+    out.AppendEscaped(std::string(204, '&'));
+    EXPECT_EQ(out.Length(), 1020U);
+    EXPECT_EQ(out.Capacity(), 1024U);
+    out.AppendEscaped("abc");
+    EXPECT_EQ(out.Capacity(), 1024U);
+    out.AppendEscaped("d");
+    EXPECT_EQ(out.Length(), 1024U);
+    EXPECT_EQ(out.Capacity(), 2048U);
+}
+
+TEST(TinyXmlPrint, TextsAndValuesOfEverySizeAroundAPiece) {
+    for (const std::size_t size : kSizesAroundPieces) {
+        const std::string text = bytes_of("<'&", size);
+        EXPECT_EQ(element_with_attribute(text), "<e a=\"" + escaped(text) + "\"/>\n") << size;
+        EXPECT_EQ(element_with_text(text), size == 0 ? "<e/>\n" : "<e>" + escaped(text) + "</e>\n")
+            << size;
+    }
 }
 
 }  // namespace
