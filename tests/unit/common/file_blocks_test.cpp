@@ -13,7 +13,6 @@
 #include <array>
 #include <cstddef>
 #include <cstdio>
-#include <cstring>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -136,7 +135,7 @@ struct SlowSource {
 ssize_t read_piece(void* cookie, char* to, std::size_t size) {
     auto& source = *static_cast<SlowSource*>(cookie);
     const std::size_t got = std::min({size, source.piece, source.bytes.size() - source.at});
-    std::memcpy(to, source.bytes.data() + source.at, got);
+    std::copy_n(source.bytes.data() + source.at, got, to);
     source.at += got;
     return static_cast<ssize_t>(got);
 }

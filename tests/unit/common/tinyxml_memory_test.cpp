@@ -709,8 +709,8 @@ TEST(TinyXmlSiblings, KeepTheirOrderWhereverOneIsRemovedAndOthersAppended) {
 }
 
 TEST(TinyXmlSiblings, AnyHistoryOfAppendsAndRemovals) {
-    std::mt19937 random(1);
-    for (int history = 0; history < 200; ++history) {
+    for (unsigned seed = 1; seed <= 200; ++seed) {
+        std::mt19937 random(seed);
         Siblings siblings;
         for (int step = 0; step < 40; ++step) {
             const auto choice = random() % 6;
