@@ -139,6 +139,12 @@ NTiXmlElement* NTiXmlElement::AddChildElement(std::string_view name, std::string
     return element;
 }
 
+NTiXmlElement* NTiXmlElement::AddChildElement(std::string_view name, NTiXmlOutBuffer&& text) {
+    NTiXmlElement* element = AddChildElement(name, "");
+    Memory().SetTaken(element->text_, std::move(text));
+    return element;
+}
+
 void NTiXmlElement::AppendChild(NTiXmlNode* child) {
     Memory().Adopt(std::unique_ptr<NTiXmlNode>(child));
     children_.Append(*child);

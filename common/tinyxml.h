@@ -1,5 +1,7 @@
 #pragma once
 
+#include <array>
+#include <bit>
 #include <cstdint>
 #include <cstring>
 #include <exception>
@@ -82,6 +84,9 @@ public:
     const char* Text() const { return text_.get(); }
     // Bytes in Text() before its NUL.
     std::size_t TextSize() const { return end_; }
+    // Gives the text away, cut to its size and to be freed by free(). Nothing is to be appended
+    // after that.
+    char* Release();
     // The count that has been reserved so far.
     std::uint32_t Length() const { return length_; }
     // Length() + 1024 as it was when Length() last reached the capacity.
@@ -141,36 +146,40 @@ public:
 // of the tree), or a string once somebody wants to change it.
 class NTiXmlText {
 public:
-    NTiXmlText() : characters_("") {}
+    NTiXmlText() { SetView(""); }
 
     std::string_view View() const {
-        return size_ == kIsString ? std::string_view(*string_)
-                                  : std::string_view(characters_, size_);
+        const std::string* string = String();
+        return string == nullptr ? std::string_view(At<const char>(), size_) : *string;
     }
     // The string, which must outlive this; null where there is none.
-    std::string* String() const { return size_ == kIsString ? string_ : nullptr; }
+    std::string* String() const { return size_ == kIsString ? At<std::string>() : nullptr; }
 
     // False, and nothing changes, for a text of 4 GiB or more: that has to be a string.
     bool SetView(std::string_view text) {
         if (text.size() >= kIsString) {
             return false;
         }
-        characters_ = text.data();
+        address_ = std::bit_cast<Address>(text.data());
         size_ = static_cast<std::uint32_t>(text.size());
         return true;
     }
     void SetString(std::string& text) {
-        string_ = &text;
+        address_ = std::bit_cast<Address>(&text);
         size_ = kIsString;
     }
 
 private:
+    // A pointer in halves: two texts side by side then need no padding, and there are millions.
+    using Address = std::array<std::uint32_t, sizeof(void*) / sizeof(std::uint32_t)>;
     static constexpr std::uint32_t kIsString = 0xFFFFFFFF;
 
-    union {
-        const char* characters_;
-        std::string* string_;
-    };
+    template <class To>
+    To* At() const {
+        return std::bit_cast<To*>(address_);
+    }
+
+    Address address_;  // of the characters, or of the string
     std::uint32_t size_ = 0;
 };
 
@@ -303,8 +312,8 @@ private:
 
     NTiXmlMemory* memory_ = nullptr;
     NTiXmlNode* next_ = nullptr;
-    NTiXmlAttributeList attributes_;         // in the order of insertion
-    [[no_unique_address]] NTiXmlText text_;  // the type stands in its padding
+    NTiXmlAttributeList attributes_;  // in the order of insertion
+    NTiXmlText text_;
     NTiXmlNodeType type_;
 };
 
@@ -371,6 +380,8 @@ public:
 
     // Appends an element with that name and text. Neither is checked. Returns it, borrowed.
     NTiXmlElement* AddChildElement(std::string_view name, std::string_view text);
+    // The same with what was printed as the text, which is not copied.
+    NTiXmlElement* AddChildElement(std::string_view name, NTiXmlOutBuffer&& text);
     // Appends `child`, which must not be null, must have been made by new and not be owned by
     // anyone: from now on this element owns it.
     void AppendChild(NTiXmlNode* child);
@@ -434,6 +445,8 @@ public:
     // not copied, and does not become the document's text.
     const char* ParseBorrowed(const std::string& text);
     const char* ParseBorrowed(std::string&& text) = delete;
+    // The same on a text that need not stay: the nodes get copies of what they need of it.
+    const char* ParseCopied(const std::string& text);
     void Print(NTiXmlOutBuffer& out, int depth) const override;
 
     // The first top-level element, or null.
@@ -444,6 +457,8 @@ private:
     friend class NTiXmlParser;
     void ReadFile(const std::string& name);
     void SetSource(std::string source);
+    // `source` is NUL-terminated; `stays`: as long as the document lives.
+    const char* ParseSource(std::string_view source, bool stays);
 
     NTiXmlNodeList children_;
 };

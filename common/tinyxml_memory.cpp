@@ -68,6 +68,15 @@ void NTiXmlMemory::SetCopy(NTiXmlText& text, std::string_view characters) {
     }
 }
 
+void NTiXmlMemory::SetTaken(NTiXmlText& text, NTiXmlOutBuffer&& printed) {
+    Block& block = blocks_.emplace_back();
+    const std::size_t size = printed.TextSize();
+    char* characters = printed.Release();
+    block.reset(reinterpret_cast<std::byte*>(characters));
+    // It always fits: what is printed stays below 4 GiB.
+    static_cast<void>(text.SetView({characters, size}));
+}
+
 std::string& NTiXmlMemory::Keep(std::string text) {
     return strings_.emplace_front(std::move(text));
 }

@@ -36,6 +36,8 @@ public:
     std::string_view Copy(std::string_view text);
     // Makes `text` a copy of the characters.
     void SetCopy(NTiXmlText& text, std::string_view characters);
+    // Makes `text` what was printed, without a copy.
+    void SetTaken(NTiXmlText& text, NTiXmlOutBuffer&& printed);
     // A string that stays where it is.
     std::string& Keep(std::string text);
 

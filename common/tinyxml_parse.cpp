@@ -76,10 +76,6 @@ char lower_case(char c) {
     throw NTiXmlException(kSource, line, message, remainder);
 }
 
-[[noreturn]] void fail_empty() {
-    fail(835, "No content", "");
-}
-
 std::string_view between(const char* begin, const char* end) {
     return {begin, static_cast<std::size_t>(end - begin)};
 }
@@ -618,20 +614,25 @@ const char* NTiXmlDoc::Parse(const char* text) {
     if (text != nullptr) {
         SetSource(text);
     }
-    if (TextView().empty()) {
-        fail_empty();
-    }
     const std::string_view source = TextView();
     // The nodes stand in the source from now on: who asks for the text gets a copy to change.
     const bool stays = text_.SetView(source);
-    return NTiXmlParser(Memory(),
-                        stays ? NTiXmlParser::Source::kStays : NTiXmlParser::Source::kGoes)
-        .ParseNodes(source.data(), children_);
+    return ParseSource(source, stays);
 }
 
 const char* NTiXmlDoc::ParseBorrowed(const std::string& text) {
-    if (text.empty()) {
-        fail_empty();
+    return ParseSource(text, true);
+}
+
+const char* NTiXmlDoc::ParseCopied(const std::string& text) {
+    return ParseSource(text, false);
+}
+
+const char* NTiXmlDoc::ParseSource(std::string_view source, bool stays) {
+    if (source.empty()) {
+        fail(835, "No content", "");
     }
-    return NTiXmlParser(Memory(), NTiXmlParser::Source::kStays).ParseNodes(text.c_str(), children_);
+    using Source = NTiXmlParser::Source;
+    NTiXmlParser parser(Memory(), stays ? Source::kStays : Source::kGoes);
+    return parser.ParseNodes(source.data(), children_);
 }

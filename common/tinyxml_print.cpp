@@ -66,6 +66,12 @@ void NTiXmlOutBuffer::GrowMemory(std::size_t count) {
     allocated_ = size;
 }
 
+char* NTiXmlOutBuffer::Release() {
+    char* text = text_.release();
+    void* cut = std::realloc(text, end_ + 1);
+    return cut == nullptr ? text : static_cast<char*>(cut);
+}
+
 void NTiXmlOutBuffer::Append(std::string_view text) {
     const std::string_view written = text.substr(0, text.find('\0'));
     Count(text.size());

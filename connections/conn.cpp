@@ -273,30 +273,88 @@ int attach_sessions_guarded(NTiXmlElement& file_root, const NTiXmlElement& expor
     return kSuccess;
 }
 
-// What parse_conn does with a text that need not be kept: exports are large.
-int parse_export_text(const std::string& type, NTiXmlElement& file_root, std::string text) {
+// True when the element is the same after it was printed and parsed: it holds nothing but elements,
+// and no text that is printed as it is and would read as something else.
+bool reads_back_the_same(const NTiXmlElement& root) {
+    std::vector<const NTiXmlElement*> pending = {&root};
+    while (!pending.empty()) {
+        const NTiXmlElement& element = *pending.back();
+        pending.pop_back();
+        const bool printed_as_it_is = !element.Children().empty();
+        if (printed_as_it_is && element.TextView().find_first_of("<>&") != std::string_view::npos) {
+            return false;
+        }
+        for (const NTiXmlNode* child : element.Children()) {
+            if (child->Type() != NTiXmlNodeType::kElement) {
+                return false;
+            }
+            pending.push_back(static_cast<const NTiXmlElement*>(child));
+        }
+    }
+    return true;
+}
+
+void add_general(NTiXmlElement& file_root, const NTiXmlElement& export_root) {
+    NTiXmlOutBuffer text;
+    export_root.Print(text, 0);
+    file_root.AddChildElement("General", std::move(text));
+}
+
+// What parse_conn does with a text that need not be kept: exports are large. With `kept` the export
+// goes there as a document, and into no General, where that would read back the same.
+int parse_export_text(const std::string& type, NTiXmlElement& file_root, std::string text,
+                      ParsedText* kept) {
     // A banner or blank lines ahead of the document do no harm.
     const std::size_t start = text.find('<');
     if (start == std::string::npos) {
         throw std::out_of_range("the registry export " + export_file(type) + " holds no \"<\"");
     }
     text.erase(0, start);
-    NTiXmlDoc document(std::move(text), false);
-    const NTiXmlElement* root = nullptr;
+    ParsedText parsed{std::make_unique<NTiXmlDoc>(std::move(text), false)};
+    bool keeps = false;
     try {
-        document.Parse(nullptr);
-        root = document.RootElement();
-        if (root == nullptr) {
+        parsed.document->Parse(nullptr);
+        parsed.root = parsed.document->RootElement();
+        if (parsed.root == nullptr) {
             return kSuccess;
         }
-        if (add_conn(type, &file_root, root)) {
-            file_root.AddChildElement("General", "")->Text() = ToString(*root);
+        const bool added = add_conn(type, &file_root, parsed.root);
+        keeps = added && kept != nullptr && reads_back_the_same(*parsed.root);
+        if (added && !keeps) {
+            add_general(file_root, *parsed.root);
         }
     } catch (const std::exception&) {
         tell("Failed to parse the exported registry information.\n");
         return kDocumentUnusable;
     }
-    return type == kTerminalType ? attach_sessions_guarded(file_root, *root) : int{kSuccess};
+    const int result =
+        type == kTerminalType ? attach_sessions_guarded(file_root, *parsed.root) : int{kSuccess};
+    if (keeps) {
+        *kept = std::move(parsed);
+    }
+    return result;
+}
+
+// What clone_conn does, with `kept` as above.
+int export_type(NTiXmlElement& file_root, const std::string& type, ParsedText* kept) {
+    const std::string registry_path = kConnTypePath + type;
+    const std::string file = export_file(type);
+    const std::string export_command =
+        format_command(kExportCommandLimit, "rm -f %s;regsh export %s %s", file.c_str(),
+                       registry_path.c_str(), file.c_str());
+    if (command_status(export_command) != 0) {
+        return kExportFailed;
+    }
+    std::string text;
+    if (!readfile(file.c_str(), text)) {
+        return kExportUnreadable;
+    }
+    const int result = parse_export_text(type, file_root, std::move(text), kept);
+    // After a failure the file stays for inspection.
+    if (result == kSuccess) {
+        command_status(format_command(kExportCommandLimit, "rm -f %s", file.c_str()));
+    }
+    return result;
 }
 
 }  // namespace
@@ -318,24 +376,7 @@ int get_conn(const std::string& type, const std::string& file, const std::string
 int clone_conn(NTiXmlElement* pRoot, const std::string& type) {
     check_argument(pRoot != nullptr, "pRoot",
                    {kUnit, __LINE__, "int clone_conn(NTiXmlElement*, const std::string&)"});
-    const std::string registry_path = kConnTypePath + type;
-    const std::string file = export_file(type);
-    const std::string export_command =
-        format_command(kExportCommandLimit, "rm -f %s;regsh export %s %s", file.c_str(),
-                       registry_path.c_str(), file.c_str());
-    if (command_status(export_command) != 0) {
-        return kExportFailed;
-    }
-    std::string text;
-    if (!readfile(file.c_str(), text)) {
-        return kExportUnreadable;
-    }
-    const int result = parse_export_text(type, *pRoot, std::move(text));
-    // After a failure the file stays for inspection.
-    if (result == kSuccess) {
-        command_status(format_command(kExportCommandLimit, "rm -f %s", file.c_str()));
-    }
-    return result;
+    return export_type(*pRoot, type, nullptr);
 }
 
 int clone_conn_python(NTiXmlElement* pRoot, const std::string& type) {
@@ -356,7 +397,7 @@ int parse_conn(const std::string& type, NTiXmlElement* pRoot, const std::string&
     check_argument(pRoot != nullptr, "pRoot",
                    {kUnit, __LINE__,
                     "int parse_conn(const std::string&, NTiXmlElement*, const std::string&)"});
-    return parse_export_text(type, *pRoot, exportText);
+    return parse_export_text(type, *pRoot, exportText, nullptr);
 }
 
 bool add_conn(const std::string& type, NTiXmlElement* pRoot, const NTiXmlElement* pEle) {
@@ -449,7 +490,9 @@ int set_conn(const std::string& type, const std::string& file, const std::string
              const std::string& /*password*/, bool remove) {
     NTiXmlDoc document(file, true);
     try {
-        document.Parse(nullptr);
+        // The text holds the whole export once more: it goes when it has been parsed.
+        const std::string text = std::move(document.Text());
+        document.ParseCopied(text);
     } catch (const std::exception&) {
         std::fprintf(stderr, "Failed to parse %s\n", file.c_str());
         return kConnectionsFileUnusable;
@@ -774,23 +817,35 @@ std::unique_ptr<NTiXmlElement> deep_copy(const NTiXmlElement& element) {
     return copy;
 }
 
+// The directory of the connections that the registry holds; null when its state could not be had.
+// `text` and `current` hold it.
+const NTiXmlElement* read_existing(const std::string& type, std::string& text,
+                                   ParsedText& current) {
+    NTiXmlElement scratch;
+    if (export_type(scratch, type, &current) != kSuccess) {
+        return nullptr;
+    }
+    if (current.root == nullptr) {
+        NTiXmlElement* general = scratch.ChildElement("General", 0);
+        if (general == nullptr) {
+            tell(kNoGeneral);
+            return nullptr;
+        }
+        text = general->TextView();
+        current = parse_text(text);
+    }
+    return current.root == nullptr ? nullptr : get_ele_conns(current.root);
+}
+
 }  // namespace
 
 bool merge_existing_conns(const std::string& type, NTiXmlElement* pConns) {
     check_argument(
         pConns != nullptr, "pConns",
         {kUnit, __LINE__, "bool merge_existing_conns(const std::string&, NTiXmlElement*)"});
-    NTiXmlElement scratch;
-    if (clone_conn(&scratch, type) != kSuccess) {
-        return false;
-    }
-    NTiXmlElement* general = scratch.ChildElement("General", 0);
-    if (general == nullptr) {
-        tell(kNoGeneral);
-        return false;
-    }
-    const ParsedText current = parse_text(general->Text());
-    const NTiXmlElement* existing = current.root == nullptr ? nullptr : get_ele_conns(current.root);
+    std::string text;
+    ParsedText current;
+    const NTiXmlElement* existing = read_existing(type, text, current);
     if (existing == nullptr) {
         return false;
     }
