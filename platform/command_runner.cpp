@@ -1,6 +1,7 @@
 #include "platform/command_runner.h"
 
 #include "common/string_tokens.h"
+#include "platform/spawned_command.h"
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -11,6 +12,7 @@
 #include <cstdarg>
 #include <cstdlib>
 #include <memory>
+#include <optional>
 #include <utility>
 
 namespace {
@@ -45,9 +47,26 @@ struct CommandCloser {
 };
 using CommandStream = std::unique_ptr<std::FILE, CommandCloser>;
 
-CommandStream open_command(const std::string& command) {
-    return CommandStream(::popen(command.c_str(), "r"));
-}
+// A command and its standard output to be read. The command has ended when this goes.
+class CommandOutput {
+public:
+    explicit CommandOutput(const std::string& command) {
+        if (const auto words = plain_words(command)) {
+            spawned_.emplace(*words);
+        }
+        if (!spawned_ || spawned_->NeedsShell()) {
+            shell_.reset(::popen(command.c_str(), "r"));
+        }
+    }
+    // Null when the command could not be started.
+    std::FILE* Stream() const {
+        return shell_ ? shell_.get() : spawned_ ? spawned_->Stream() : nullptr;
+    }
+
+private:
+    std::optional<SpawnedOutput> spawned_;
+    CommandStream shell_;
+};
 
 // In the child: becomes the shell. The parent's stream buffers are not flushed a second time when
 // there is none.
@@ -75,12 +94,12 @@ constexpr const char* kPlainCharacters =
 }  // namespace
 
 bool read_first_line(const std::string& command, std::string& line) {
-    const CommandStream stream = open_command(command);
-    if (!stream) {
+    const CommandOutput output(command);
+    if (output.Stream() == nullptr) {
         return false;
     }
     std::array<char, kLineSize> buffer{};
-    const char* got = std::fgets(buffer.data(), kFirstLineSize, stream.get());
+    const char* got = std::fgets(buffer.data(), kFirstLineSize, output.Stream());
     line = got == nullptr ? "" : got;
     return true;
 }
@@ -95,13 +114,13 @@ bool run_command_first_line(const std::string& command, std::string& output) {
 }
 
 bool read_all_lines(const std::string& command, std::vector<std::string>& lines) {
-    const CommandStream stream = open_command(command);
-    if (!stream) {
+    const CommandOutput output(command);
+    if (output.Stream() == nullptr) {
         return false;
     }
     std::vector<std::string> read;
     std::array<char, kLineSize> buffer{};
-    while (std::fgets(buffer.data(), static_cast<int>(buffer.size()), stream.get()) != nullptr) {
+    while (std::fgets(buffer.data(), static_cast<int>(buffer.size()), output.Stream()) != nullptr) {
         read.emplace_back(buffer.data());
     }
     lines = std::move(read);
@@ -109,6 +128,11 @@ bool read_all_lines(const std::string& command, std::vector<std::string>& lines)
 }
 
 int command_status(const std::string& command) {
+    if (const auto words = plain_words(command)) {
+        if (const auto status = spawn_status(*words)) {
+            return *status;
+        }
+    }
     return std::system(command.c_str());
 }
 

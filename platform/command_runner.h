@@ -8,7 +8,7 @@
 #include <vector>
 
 // The one door to processes. Every command is a line for /bin/sh -c; nothing else in the tool
-// starts a process.
+// starts a process. Where the shell would only start a program (spawned_command), it is left out.
 
 // Characters of a formatted command that are kept; what is longer is cut, not refused.
 inline constexpr std::size_t kCommandLimit = 1023;

@@ -4,7 +4,7 @@ import pytest
 
 from import_run import (DEFAULT, GET_DEFAULT, NO_POPEN, RESET_DEFAULT, WALK_OVER, ImportCase, Left,
                         classic, conn, connections_file, connections_path, entry, export, imported,
-                        looked_up, merged, refreshed, removed)
+                        looked_up, merged, refreshed, removed, spoken)
 
 ONE = export(conn("id-1", "Office"))
 ONE_FILE = connections_file(ONE, entry("Office"))
@@ -305,7 +305,7 @@ def test_a_cut_that_takes_the_closing_quote_deletes_nothing(case, length, delete
     command = f"regsh delete '{path}'\n"[:1023]
     calls = Left(removed("freerdp", command)).calls if deletes else Left(removed("freerdp")).calls
     expected = removing("regsh delete x")
-    expected.commands[expected.commands.index(("system", "regsh delete x"))] = ("system", command)
+    expected.commands[expected.commands.index(("system", "regsh delete x"))] = spoken(command)
     expected.calls = [*Left(looked_up("freerdp")).calls, *calls,
                       *Left(classic("freerdp")[5:]).calls]
     left = case.set(ONE_FILE, remove=True)

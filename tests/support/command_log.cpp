@@ -1,8 +1,10 @@
-// Preloaded into one program, notes every command line that it gives to the shell. The environment
-// says where:
+// Preloaded into one program, notes every command line that it gives to the shell or starts without
+// one. The environment says where:
 //
 //   COMMAND_LOG=F        each command line is appended to this file as two texts ended by NUL: the
-//                        call that it was given to ("system" or "popen") and the line itself
+//                        call that it was given to ("system" or "popen") and the line itself. A
+//                        program started without the shell counts as the call that it stands for:
+//                        its words joined by blanks, as "popen" where its output is read
 //   COMMAND_REFUSED=C    this command line, noted as all others, is not started: the call fails
 //
 // Programs started by the program are left alone: the settings are taken out of the environment
@@ -10,6 +12,7 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <spawn.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -86,6 +89,19 @@ FILE* popen(const char* command, const char* mode) {
 
 int system(const char* command) {
     return is_refused("system", command) ? -1 : next<decltype(system)>("system")(command);
+}
+
+int posix_spawnp(pid_t* process, const char* program, const posix_spawn_file_actions_t* actions,
+                 const posix_spawnattr_t* attributes, char* const arguments[],
+                 char* const environment[]) {
+    std::string line;
+    for (char* const* word = arguments; *word != nullptr; ++word) {
+        line += (line.empty() ? "" : " ") + std::string(*word);
+    }
+    return is_refused(actions == nullptr ? "system" : "popen", line.c_str())
+               ? EAGAIN
+               : next<decltype(posix_spawnp)>("posix_spawnp")(process, program, actions, attributes,
+                                                              arguments, environment);
 }
 
 }  // extern "C"

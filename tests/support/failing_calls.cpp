@@ -11,6 +11,7 @@
 // left alone: the settings are taken out of the environment before it starts.
 
 #include <dlfcn.h>
+#include <spawn.h>
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -120,6 +121,17 @@ FILE* popen(const char* command, const char* mode) {
 
 int system(const char* command) {
     return plan().strikes(kSystem) ? -1 : next<decltype(system)>("system")(command);
+}
+
+// A program started without the shell, in place of the call that would have asked for it.
+int posix_spawnp(pid_t* process, const char* program, const posix_spawn_file_actions_t* actions,
+                 const posix_spawnattr_t* attributes, char* const arguments[],
+                 char* const environment[]) {
+    if (plan().strikes(actions == nullptr ? kSystem : kPopen)) {
+        return EAGAIN;
+    }
+    return next<decltype(posix_spawnp)>("posix_spawnp")(process, program, actions, attributes,
+                                                        arguments, environment);
 }
 
 pid_t fork() noexcept {

@@ -210,7 +210,10 @@ def calls_of(commands):
 
 
 def spoken(command):
-    """A command line with the call that starts it: one for what is read, one for what is done."""
+    """A command line with the call that starts it: one for what is read, one for what is done.
+
+    The line end of a listed path ends the command and reaches nobody."""
+    command = command.removesuffix("\n")
     return ("popen" if command.startswith(("regsh get", "cat ")) else "system", command)
 
 
@@ -345,6 +348,6 @@ class ImportCase:
         """The command lines of the last run; how often the configuration is asked for is open."""
         texts = self.log_file.read_bytes().split(b"\0")[:-1] if self.log_file.exists() else []
         texts = [os.fsdecode(each) for each in texts]
-        lines = list(zip(texts[::2], texts[1::2]))
+        lines = [(call, line.removesuffix("\n")) for call, line in zip(texts[::2], texts[1::2])]
         self.config_reads = lines.count(spoken(READ_CONFIG))
         return [each for each in lines if each != spoken(READ_CONFIG)]

@@ -1,0 +1,179 @@
+#include "platform/spawned_command.h"
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <new>
+#include <string_view>
+
+extern char** environ;
+
+namespace {
+
+constexpr std::string_view kPlainCharacters =
+    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_./:@%+=,-";
+constexpr std::array<std::string_view, 2> kPrograms = {"regsh", "rm"};
+
+// The signals that a keyboard sends.
+constexpr std::array kKeyboardSignals = {SIGINT, SIGQUIT};
+
+// Keeps the keyboard's signals, and the news of the child's end, away from the tool while a program
+// runs, as system() does.
+class QuietSignals {
+public:
+    QuietSignals() {
+        struct sigaction ignore {};
+        ignore.sa_handler = SIG_IGN;
+        for (std::size_t signal = 0; signal < kKeyboardSignals.size(); ++signal) {
+            ::sigaction(kKeyboardSignals[signal], &ignore, &before_[signal]);
+        }
+        sigset_t child;
+        ::sigemptyset(&child);
+        ::sigaddset(&child, SIGCHLD);
+        ::sigprocmask(SIG_BLOCK, &child, &mask_);
+    }
+    QuietSignals(const QuietSignals&) = delete;
+    QuietSignals& operator=(const QuietSignals&) = delete;
+    ~QuietSignals() {
+        for (std::size_t signal = 0; signal < kKeyboardSignals.size(); ++signal) {
+            ::sigaction(kKeyboardSignals[signal], &before_[signal], nullptr);
+        }
+        ::sigprocmask(SIG_SETMASK, &mask_, nullptr);
+    }
+
+    // Gives the program the signals as they were.
+    void Restore(posix_spawnattr_t& attributes) const {
+        sigset_t defaults;
+        ::sigemptyset(&defaults);
+        for (std::size_t signal = 0; signal < kKeyboardSignals.size(); ++signal) {
+            if (before_[signal].sa_handler != SIG_IGN) {
+                ::sigaddset(&defaults, kKeyboardSignals[signal]);
+            }
+        }
+        ::posix_spawnattr_setsigdefault(&attributes, &defaults);
+        ::posix_spawnattr_setsigmask(&attributes, &mask_);
+        ::posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
+    }
+
+private:
+    std::array<struct sigaction, kKeyboardSignals.size()> before_{};
+    sigset_t mask_{};
+};
+
+// 0, or the error that says why the program did not start.
+int spawn(const std::vector<std::string>& words, const posix_spawn_file_actions_t* actions,
+          const posix_spawnattr_t* attributes, pid_t& process) {
+    std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
+    for (const std::string& word : words) {
+        arguments.push_back(const_cast<char*>(word.c_str()));
+    }
+    arguments.push_back(nullptr);
+    return ::posix_spawnp(&process, arguments.front(), actions, attributes, arguments.data(),
+                          environ);
+}
+
+// What is short for a moment would be so for the shell too; the rest is about the program.
+bool concerns_the_program(int error) {
+    return error != EAGAIN && error != ENOMEM;
+}
+
+int wait_for(pid_t process) {
+    int status = 0;
+    while (::waitpid(process, &status, 0) == -1) {
+        if (errno != EINTR) {
+            return -1;
+        }
+    }
+    return status;
+}
+
+}  // namespace
+
+std::optional<std::vector<std::string>> plain_words(const std::string& command) {
+    std::string_view left = command;
+    if (!left.empty() && left.back() == '\n') {
+        left.remove_suffix(1);
+    }
+    std::vector<std::string> words;
+    for (;;) {
+        const std::size_t end = std::min(left.find_first_not_of(kPlainCharacters), left.size());
+        if (end == 0) {
+            return std::nullopt;
+        }
+        words.emplace_back(left.substr(0, end));
+        left.remove_prefix(end);
+        if (left.empty()) {
+            break;
+        }
+        if (left.front() != ' ') {
+            return std::nullopt;
+        }
+        left.remove_prefix(1);
+    }
+    const bool is_ours =
+        std::find(kPrograms.begin(), kPrograms.end(), words.front()) != kPrograms.end() &&
+        std::getenv("PATH") != nullptr;
+    return is_ours ? std::optional(std::move(words)) : std::nullopt;
+}
+
+std::optional<int> spawn_status(const std::vector<std::string>& words) {
+    const QuietSignals quiet;
+    posix_spawnattr_t attributes;
+    if (::posix_spawnattr_init(&attributes) != 0) {
+        return -1;
+    }
+    quiet.Restore(attributes);
+    pid_t process = -1;
+    const int error = spawn(words, nullptr, &attributes, process);
+    ::posix_spawnattr_destroy(&attributes);
+    if (error == 0) {
+        return wait_for(process);
+    }
+    return concerns_the_program(error) ? std::nullopt : std::optional(-1);
+}
+
+SpawnedOutput::SpawnedOutput(const std::vector<std::string>& words) {
+    std::array<int, 2> ends{};
+    if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
+        return;
+    }
+    const auto [read_end, write_end] = ends;
+    const int error = Start(words, write_end);
+    ::close(write_end);
+    stream_ = error == 0 ? ::fdopen(read_end, "r") : nullptr;
+    needs_shell_ = error != 0 && concerns_the_program(error);
+    if (stream_ == nullptr) {
+        ::close(read_end);
+    }
+}
+
+int SpawnedOutput::Start(const std::vector<std::string>& words, int write_end) {
+    posix_spawn_file_actions_t actions;
+    int error = ::posix_spawn_file_actions_init(&actions);
+    if (error != 0) {
+        return error;
+    }
+    error = ::posix_spawn_file_actions_adddup2(&actions, write_end, STDOUT_FILENO);
+    if (error == 0) {
+        error = spawn(words, &actions, nullptr, process_);
+    }
+    ::posix_spawn_file_actions_destroy(&actions);
+    return error;
+}
+
+SpawnedOutput::~SpawnedOutput() {
+    if (stream_ != nullptr) {
+        std::fclose(stream_);
+    }
+    if (process_ != -1) {
+        wait_for(process_);
+    }
+}
