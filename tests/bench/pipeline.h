@@ -137,7 +137,7 @@ public:
             return false;
         }
         refresh_icons();
-        static_cast<void>(product_config());
+        ask_product_config();
         return true;
     }
 
@@ -153,15 +153,23 @@ private:
             !(documents_.*use)(export_file_)) {
             return false;
         }
-        static_cast<void>(product_config());
+        ask_product_config();
         run("rm -f " + export_file_);
         return true;
+    }
+
+    // Whether this is a zero client: asked once a run.
+    void ask_product_config() {
+        if (!asked_product_config_) {
+            static_cast<void>(product_config());
+        }
+        asked_product_config_ = true;
     }
 
     void remove_connections() {
         const std::vector<std::string> lines = output_lines("regsh get " + path_);
         if (!registry_value("root/ConnectionManager/defaultConnection").empty()) {
-            static_cast<void>(product_config());
+            ask_product_config();
         }
         for (const std::string& line : lines) {
             if (const std::string entry = second_of_two(line); !entry.empty()) {
@@ -180,7 +188,7 @@ private:
         }
         run("regsh import " + file);
         run("regsh commit " + path_);
-        static_cast<void>(product_config());
+        ask_product_config();
         return true;
     }
 
@@ -199,6 +207,7 @@ private:
     std::string type_path_;
     std::string path_;
     std::string export_file_;
+    bool asked_product_config_ = false;
 };
 
 inline int main_of(int argc, char* argv[], Documents& documents) {

@@ -359,21 +359,23 @@ def test_no_pipe_for_the_default_connection_of_image_type_6(device, programs, ge
 
 def test_no_pipe_for_the_product_configuration(device, programs, get):
     recorder = exports(default_is(device.recorder(), "id-1"), TWO)
-    assert get(zero=True, env=preload(programs, FAIL_POPEN="1")) == Outcome(
+    # A carriage return is left to the programs of the pipeline.
+    zero = 'PRODUCT_NAME="Sylvex"\nPRODUCT_CONFIG="zero"\nPRODUCT_VERSION="6.1"\n# \r\n'
+    assert get(systeminfo=zero, env=preload(programs, FAIL_POPEN="1")) == Outcome(
         0, stderr=WALK_ENDED, log=log_of("RDP", "out.xml", 0), file=TWO_FILE)
     assert recorder.calls == [*NAME_TABLE_CALLS, export_call("freerdp")]
 
 
 def test_no_pipe_for_the_default_connection_of_a_zero_client(device, programs, get):
     recorder = exports(default_is(device.recorder(), "id-1"), TWO)
-    assert get(zero=True, env=preload(programs, FAIL_POPEN="2")) == Outcome(
+    assert get(zero=True, env=preload(programs, FAIL_POPEN="1")) == Outcome(
         0, stderr=WALK_ENDED, log=log_of("RDP", "out.xml", 0), file=TWO_FILE)
     assert recorder.calls == [*NAME_TABLE_CALLS, export_call("freerdp")]
 
 
-def test_two_pipes_are_all_that_a_zero_client_needs(device, programs, get):
+def test_one_pipe_is_all_that_a_zero_client_needs(device, programs, get):
     exports(default_is(device.recorder(), "id-1"), TWO)
-    assert get(zero=True, env=preload(programs, FAIL_POPEN="3")) == Outcome(
+    assert get(zero=True, env=preload(programs, FAIL_POPEN="2")) == Outcome(
         0, stderr=WALK_ENDED, log=log_of("RDP", "out.xml", 0),
         file=file_for("RDP", TWO, named("Office", ("Default", "yes")), named("Home")))
 

@@ -432,7 +432,6 @@ def test_the_devices_own_configuration_is_put_in(case, image_type, zero):
     file = connections_file(export(conn("id-1", "Office"), config="another"), entry("Office"))
     wanted = export(conn("id-1", "Office"), config="zero" if zero else "standard")
     assert case.set(file, image_type=image_type, zero=zero) == done(wanted, "id-1", zero=zero)
-    assert case.config_reads >= 1
 
 
 @pytest.mark.parametrize("image_type", [1, 3, 4, 5, 7])

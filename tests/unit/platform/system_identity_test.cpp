@@ -1,8 +1,12 @@
 #include "platform/system_identity.h"
 
+#include "platform/command_runner.h"
 #include "tests/support/device_fixture.h"
 
 #include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
 
 namespace {
 
@@ -55,6 +59,50 @@ TEST_F(SystemIdentity, ProductConfigEmptyOrAbsent) {
     EXPECT_EQ(ProductConfig(), "");
     WriteSystemInfo("PRODUCT_NAME=\"Sylvex\"\n");
     EXPECT_EQ(ProductConfig(), "");
+}
+
+// Files that are read without the pipeline's programs, and some that are not.
+constexpr const char* kSystemInfos[] = {
+    "PRODUCT_CONFIG=\"zero\"\n",
+    "PRODUCT_CONFIG=\"zero\"",
+    "X=\"1\"\n\n  PRODUCT_CONFIG \t= \" two  words\t\" # \"more\"\nPRODUCT_CONFIG=\"last\"\n",
+    "PRODUCT_CONFIG=\"open\nPRODUCT_CONFIG=\"closed\"\n",
+    "\"before\" PRODUCT_CONFIG=\"behind\"\n",
+    "NO_PRODUCT_CONFIGURATION=plain \n",
+    "PRODUCT_CONFIG=\"\"\n",
+    "PRODUCT_CONFIG\n",
+    "PRODUCT_CONFIG=\"\"\"three\"\n",
+    "product_config=\"small\"\n",
+    "\n",
+    "",
+    "PRODUCT_CONFIG=\"carriage\"\r\n",
+    "PRODUCT_CONFIG=\"\v\"\n",
+    "PRODUCT_CONFIG=\"\xC3\xA9\"\n",
+};
+
+TEST_F(SystemIdentity, ProductConfigIsWhatThePipelineSays) {
+    for (const char* text : kSystemInfos) {
+        WriteSystemInfo(text);
+        std::string said;
+        ASSERT_TRUE(run_command_first_line(
+            R"(cat /etc/systeminfo | grep PRODUCT_CONFIG | head -n1 | cut -d '"' -f 2)", said));
+        EXPECT_EQ(ProductConfig(), said) << text;
+    }
+}
+
+TEST_F(SystemIdentity, ProductConfigOfALongFileIsWhatThePipelineSays) {
+    for (const std::size_t size : {900U, 960U, 970U, 971U, 980U, 1100U, 5000U}) {
+        WriteSystemInfo("PRODUCT_CONFIG=\"" + std::string(size, 'x') + "\" " +
+                        std::string(12, 'y'));
+        EXPECT_EQ(ProductConfig(), std::string(std::min<std::size_t>(size, 1022), 'x')) << size;
+    }
+}
+
+TEST_F(SystemIdentity, ProductConfigIsAskedAgainWhenTheFileHasChanged) {
+    SetProduct("Sylvex", "zero", "6.1");
+    EXPECT_TRUE(is_zero_product());
+    SetProduct("Sylvex", "standard", "6.1");
+    EXPECT_FALSE(is_zero_product());
 }
 
 TEST_F(SystemIdentity, ProductConfigWithoutFile) {
