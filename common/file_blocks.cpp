@@ -2,8 +2,7 @@
 
 #include <sys/stat.h>
 
-#include <algorithm>
-#include <cstring>
+#include <string_view>
 #include <vector>
 
 namespace {
@@ -16,8 +15,15 @@ void reserve_for(std::FILE* file, std::string& content) {
     }
 }
 
-void append_cut(const char* block, std::size_t size, std::string& content) {
-    content.append(block, strnlen(block, size));
+void append_blocks(std::string_view blocks, std::size_t block_size, std::string& content) {
+    if (blocks.find('\0') == std::string_view::npos) {
+        content += blocks;
+        return;
+    }
+    for (std::size_t at = 0; at < blocks.size(); at += block_size) {
+        const std::string_view block = blocks.substr(at, block_size);
+        content += block.substr(0, block.find('\0'));
+    }
 }
 
 }  // namespace
@@ -26,13 +32,9 @@ void read_blocks(std::FILE* file, std::size_t block_size, std::string& content) 
     constexpr std::size_t kBlocksAtOnce = 64;
     reserve_for(file, content);
     std::vector<char> blocks(block_size * kBlocksAtOnce);
-    while (const std::size_t got = std::fread(blocks.data(), 1, blocks.size(), file)) {
-        if (std::memchr(blocks.data(), '\0', got) == nullptr) {
-            content.append(blocks.data(), got);
-            continue;
-        }
-        for (std::size_t at = 0; at < got; at += block_size) {
-            append_cut(blocks.data() + at, std::min(block_size, got - at), content);
-        }
+    std::size_t got = blocks.size();
+    while (got == blocks.size()) {
+        got = std::fread(blocks.data(), 1, blocks.size(), file);
+        append_blocks({blocks.data(), got}, block_size, content);
     }
 }

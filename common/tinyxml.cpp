@@ -85,7 +85,7 @@ const NTiXmlAttribute* NTiXmlNode::AttributeAt(int index) const {
     return attributes_.front();
 }
 
-NTiXmlAttribute* NTiXmlNode::AddAttribute(std::string_view name, std::string_view value) {
+const NTiXmlAttribute* NTiXmlNode::AddAttribute(std::string_view name, std::string_view value) {
     NTiXmlAttribute* attribute = Memory().MakeAttribute();
     memory_->SetCopy(attribute->name_, name);
     memory_->SetCopy(attribute->value_, value);
@@ -146,7 +146,8 @@ NTiXmlElement* NTiXmlElement::AddChildElement(std::string_view name, NTiXmlOutBu
 }
 
 void NTiXmlElement::AppendChild(NTiXmlNode* child) {
-    Memory().Adopt(std::unique_ptr<NTiXmlNode>(child));
+    std::unique_ptr<NTiXmlNode> owner(child);
+    Memory().Adopt(std::move(owner));
     children_.Append(*child);
 }
 
@@ -171,8 +172,9 @@ void NTiXmlElement::RemoveChildElement(NTiXmlElementCursor& cursor) {
 
 void NTiXmlElement::RemoveAfter(NTiXmlNode* before) {
     NTiXmlNode* removed = before == nullptr ? children_.front() : children_.After(*before);
+    const auto adopted = Memory().AdoptedOf(*removed);
     children_.RemoveAfter(before);
-    Memory().Release(*removed);
+    Memory().Delete(adopted);
 }
 
 NTiXmlElementCursor::NTiXmlElementCursor(const NTiXmlElement& parent, std::string_view name)

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <bit>
 #include <cstdint>
@@ -71,9 +72,7 @@ public:
     // The same for text that holds no NUL, such as the markup itself.
     void AppendMarkup(std::string_view text) {
         Count(text.size());
-        char* at = Room(text.size());
-        std::memcpy(at, text.data(), text.size());
-        End(at + text.size());
+        End(std::copy(text.begin(), text.end(), Room(text.size())));
     }
     // As Append, with the entities' characters replaced. What is behind a NUL is only counted.
     void AppendEscaped(std::string_view text);
@@ -155,14 +154,11 @@ public:
     // The string, which must outlive this; null where there is none.
     std::string* String() const { return size_ == kIsString ? At<std::string>() : nullptr; }
 
-    // False, and nothing changes, for a text of 4 GiB or more: that has to be a string.
-    bool SetView(std::string_view text) {
-        if (text.size() >= kIsString) {
-            return false;
-        }
+    // A text of 4 GiB or more has to be a string.
+    static bool IsViewable(std::string_view text) { return text.size() < kIsString; }
+    void SetView(std::string_view text) {
         address_ = std::bit_cast<Address>(text.data());
         size_ = static_cast<std::uint32_t>(text.size());
-        return true;
     }
     void SetString(std::string& text) {
         address_ = std::bit_cast<Address>(&text);
@@ -289,7 +285,7 @@ public:
     const NTiXmlAttribute* AttributeAt(int index) const;
 
     // Appends an attribute, also where one of that name exists. Returns it, borrowed.
-    NTiXmlAttribute* AddAttribute(std::string_view name, std::string_view value);
+    const NTiXmlAttribute* AddAttribute(std::string_view name, std::string_view value);
     // Appends copies of all attributes to `target`; nothing when it is null.
     void CopyAttributesTo(NTiXmlNode* target) const;
 
@@ -439,7 +435,8 @@ public:
     NTiXmlDoc() : NTiXmlNode(NTiXmlNodeType::kDoc) {}
 
     // Parses `text`, or with null the text of the constructor, and appends the top-level nodes.
-    // Nodes that stood before a failure stay.
+    // Nodes that stood before a failure stay. A reference from Text() is of no use behind it: the
+    // text is asked for anew.
     const char* Parse(const char* text) override;
     // The same on a text that the caller keeps, unchanged, as long as the document lives: it is
     // not copied, and does not become the document's text.

@@ -32,23 +32,24 @@ void NTiXmlMemory::Freer::operator()(std::byte* block) const {
 }
 
 NTiXmlMemory::~NTiXmlMemory() {
-    // Each adopted node hands on what it has adopted itself before it goes, so that no depth costs
-    // stack.
-    std::vector<std::unique_ptr<NTiXmlNode>> pending;
-    const auto take = [&pending](Adopted& adopted) {
-        for (auto& entry : adopted) {
-            pending.push_back(std::move(entry.second));
-        }
-        adopted.clear();
-    };
-    take(adopted_);
-    while (!pending.empty()) {
-        const std::unique_ptr<NTiXmlNode> node = std::move(pending.back());
-        pending.pop_back();
-        if (node->memory_ != nullptr) {
-            take(node->memory_->adopted_);
+    // The memory of each adopted node waits in a row until its turn, so that no depth costs stack.
+    NTiXmlMemory* waiting = nullptr;
+    DeleteAdopted(waiting);
+    while (waiting != nullptr) {
+        const std::unique_ptr<NTiXmlMemory> memory(waiting);
+        waiting = memory->waiting_behind_;
+        memory->DeleteAdopted(waiting);
+    }
+}
+
+void NTiXmlMemory::DeleteAdopted(NTiXmlMemory*& waiting) {
+    for (const auto& entry : adopted_) {
+        NTiXmlMemory* memory = std::exchange(entry.second->memory_, nullptr);
+        if (memory != nullptr) {
+            memory->waiting_behind_ = std::exchange(waiting, memory);
         }
     }
+    adopted_.clear();
 }
 
 std::string_view NTiXmlMemory::Copy(std::string_view text) {
@@ -61,7 +62,7 @@ std::string_view NTiXmlMemory::Copy(std::string_view text) {
 }
 
 void NTiXmlMemory::SetCopy(NTiXmlText& text, std::string_view characters) {
-    if (text.SetView(characters)) {
+    if (NTiXmlText::IsViewable(characters)) {
         text.SetView(Copy(characters));
     } else {
         text.SetString(Keep(std::string(characters)));
@@ -74,7 +75,7 @@ void NTiXmlMemory::SetTaken(NTiXmlText& text, NTiXmlOutBuffer&& printed) {
     char* characters = printed.Release();
     block.reset(reinterpret_cast<std::byte*>(characters));
     // It always fits: what is printed stays below 4 GiB.
-    static_cast<void>(text.SetView({characters, size}));
+    text.SetView({characters, size});
 }
 
 std::string& NTiXmlMemory::Keep(std::string text) {
@@ -86,22 +87,30 @@ void NTiXmlMemory::Adopt(std::unique_ptr<NTiXmlNode> node) {
     adopted_.emplace(key, std::move(node));
 }
 
-void NTiXmlMemory::Release(NTiXmlNode& node) {
+std::vector<const NTiXmlNode*> NTiXmlMemory::AdoptedOf(const NTiXmlNode& node) const {
     // An adopted node has all below it in memory of its own, a made one in this.
-    std::vector<NTiXmlNode*> pending;
+    std::vector<const NTiXmlNode*> adopted;
+    std::vector<const NTiXmlNode*> pending;
     if (!adopted_.empty()) {
         pending.push_back(&node);
     }
     while (!pending.empty()) {
-        NTiXmlNode* at = pending.back();
+        const NTiXmlNode* at = pending.back();
         pending.pop_back();
         if (at->memory_ != this) {
-            adopted_.erase(at);
+            adopted.push_back(at);
         } else if (at->Type() == NTiXmlNodeType::kElement) {
-            for (NTiXmlNode* child : static_cast<NTiXmlElement*>(at)->Children()) {
+            for (const NTiXmlNode* child : static_cast<const NTiXmlElement*>(at)->Children()) {
                 pending.push_back(child);
             }
         }
+    }
+    return adopted;
+}
+
+void NTiXmlMemory::Delete(const std::vector<const NTiXmlNode*>& adopted) {
+    for (const NTiXmlNode* node : adopted) {
+        adopted_.erase(node);
     }
 }
 

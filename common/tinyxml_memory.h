@@ -43,8 +43,9 @@ public:
 
     // Takes over a node that stands by itself.
     void Adopt(std::unique_ptr<NTiXmlNode> node);
-    // Deletes what was adopted of `node` and all below it.
-    void Release(NTiXmlNode& node);
+    // What was adopted of `node`, which belongs to this tree, and of all below it.
+    std::vector<const NTiXmlNode*> AdoptedOf(const NTiXmlNode& node) const;
+    void Delete(const std::vector<const NTiXmlNode*>& adopted);
 
 private:
     using Adopted = std::unordered_map<const NTiXmlNode*, std::unique_ptr<NTiXmlNode>>;
@@ -65,6 +66,8 @@ private:
         return at;
     }
     void Grow(std::size_t size);
+    // Deletes the adopted nodes; their own memories join those that wait.
+    void DeleteAdopted(NTiXmlMemory*& waiting);
 
     std::byte* next_ = nullptr;  // in the last block
     std::size_t left_ = 0;
@@ -72,4 +75,5 @@ private:
     std::size_t next_block_size_ = 512;
     std::forward_list<std::string> strings_;
     Adopted adopted_;
+    NTiXmlMemory* waiting_behind_ = nullptr;  // while it waits to be deleted
 };

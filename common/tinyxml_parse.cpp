@@ -312,7 +312,9 @@ void NTiXmlParser::Set(NTiXmlText& text) {
 }
 
 void NTiXmlParser::SetVerbatim(NTiXmlText& text, std::string_view characters) {
-    if (source_ == Source::kGoes || !text.SetView(characters)) {
+    if (source_ == Source::kStays && NTiXmlText::IsViewable(characters)) {
+        text.SetView(characters);
+    } else {
         memory_.SetCopy(text, characters);
     }
 }
@@ -614,9 +616,17 @@ const char* NTiXmlDoc::Parse(const char* text) {
     if (text != nullptr) {
         SetSource(text);
     }
+    if (std::string* given = text_.String()) {
+        // The nodes stand in it from now on: out of the reach of who still has a reference to it.
+        std::string& source = Memory().Keep(std::string());
+        source.swap(*given);
+        text_.SetString(source);
+    }
     const std::string_view source = TextView();
-    // The nodes stand in the source from now on: who asks for the text gets a copy to change.
-    const bool stays = text_.SetView(source);
+    const bool stays = NTiXmlText::IsViewable(source);
+    if (stays) {
+        text_.SetView(source);  // who asks for the text gets a copy to change
+    }
     return ParseSource(source, stays);
 }
 

@@ -2,7 +2,8 @@
 //
 //   FAIL_POPEN=K FAIL_SYSTEM=K FAIL_FORK=K FAIL_FOPEN=K FAIL_FWRITE=K FAIL_FCLOSE=K FAIL_NEW=K
 //                        the K-th call, counted from 1, fails without doing anything (a failing
-//                        fclose still closes); FAIL_NEW stands for operator new
+//                        fclose still closes); FAIL_NEW stands for operator new, and for the
+//                        memory that the program itself asks the C library for
 //   SHORT_FWRITE=K       the K-th fwrite writes a single item
 //   FAIL_FOPEN_PATH=F    only opening this file counts for FAIL_FOPEN
 //   FAIL_ERRNO=N         errno of the failure, in place of the usual one
@@ -11,13 +12,16 @@
 // left alone: the settings are taken out of the environment before it starts.
 
 #include <dlfcn.h>
+#include <link.h>
 #include <spawn.h>
 #include <sys/types.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -94,6 +98,40 @@ __attribute__((constructor)) void take_settings() {
     plan();
 }
 
+// Where the code of the program itself stands.
+struct ProgramCode {
+    std::uintptr_t begin = UINTPTR_MAX;
+    std::uintptr_t end = 0;
+
+    ProgramCode() {
+        // The program comes first.
+        dl_iterate_phdr(
+            [](dl_phdr_info* object, std::size_t, void* code) {
+                static_cast<ProgramCode*>(code)->take(*object);
+                return 1;
+            },
+            this);
+    }
+
+    void take(const dl_phdr_info& object) {
+        for (int at = 0; at < object.dlpi_phnum; ++at) {
+            const auto& part = object.dlpi_phdr[at];
+            if (part.p_type == PT_LOAD) {
+                const std::uintptr_t start = object.dlpi_addr + part.p_vaddr;
+                begin = std::min(begin, start);
+                end = std::max(end, start + part.p_memsz);
+            }
+        }
+    }
+};
+
+// True when memory that is asked for from there is to be refused.
+bool is_refused(const void* caller) {
+    static const ProgramCode program;
+    const auto address = reinterpret_cast<std::uintptr_t>(caller);
+    return address >= program.begin && address < program.end && plan().strikes(kNew);
+}
+
 template <typename Function>
 Function* next(const char* name) {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
@@ -114,6 +152,23 @@ bool is_counted(const std::FILE* stream) {
 }  // namespace
 
 extern "C" {
+
+// The C library's own names for what the three below hide.
+void* __libc_malloc(std::size_t size);
+void* __libc_realloc(void* memory, std::size_t size);
+void* __libc_memalign(std::size_t alignment, std::size_t size);
+
+void* malloc(std::size_t size) {
+    return is_refused(__builtin_return_address(0)) ? nullptr : __libc_malloc(size);
+}
+
+void* realloc(void* memory, std::size_t size) {
+    return is_refused(__builtin_return_address(0)) ? nullptr : __libc_realloc(memory, size);
+}
+
+void* aligned_alloc(std::size_t alignment, std::size_t size) {
+    return is_refused(__builtin_return_address(0)) ? nullptr : __libc_memalign(alignment, size);
+}
 
 FILE* popen(const char* command, const char* mode) {
     return plan().strikes(kPopen) ? nullptr : next<decltype(popen)>("popen")(command, mode);

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstddef>
 #include <cstdio>
 #include <set>
@@ -173,6 +174,34 @@ TEST(FileBlocksOfAPipe, APipeThatAWriterFillsSlowly) {
     read_blocks(file.get(), kBlock, content);
     writer.join();
     EXPECT_EQ(content, cut_blocks(bytes, kBlock));
+}
+
+// Fails once, between two pieces.
+struct FailingSource {
+    int calls = 0;
+};
+
+ssize_t fail_once(void* cookie, char* to, std::size_t size) {
+    const int call = static_cast<FailingSource*>(cookie)->calls++;
+    if (call == 1) {
+        errno = EIO;
+        return -1;
+    }
+    if (call > 2) {
+        return 0;
+    }
+    const std::size_t got = std::min(size, std::size_t{5});
+    std::fill_n(to, got, call == 0 ? 'a' : 'b');
+    return static_cast<ssize_t>(got);
+}
+
+TEST(FileBlocksOfAPipe, WhatComesBehindAnErrorIsNotRead) {
+    FailingSource source;
+    const FileHandle file(fopencookie(&source, "r", {fail_once, nullptr, nullptr, nullptr}));
+    std::string content;
+    read_blocks(file.get(), 3, content);
+    EXPECT_EQ(content, "aaaaa");
+    EXPECT_TRUE(std::ferror(file.get()));
 }
 
 }  // namespace

@@ -871,4 +871,64 @@ TEST(TinyXmlOutOfMemory, AnOutBufferThatCannotGrow) {
     EXPECT_TRUE(runs_out(0, Refusal::kOne, [&] { out.AppendBlanks(100000); }));
 }
 
+TEST(TinyXmlOutOfMemory, AChildThatCannotBeAppendedIsDeleted) {
+    for (long number = 0; number < 4; ++number) {
+        int gone = 0;
+        NTiXmlElement element;
+        auto child = std::make_unique<CountedElement>(gone);
+        if (runs_out(number, Refusal::kOne, [&] { element.AppendChild(child.release()); })) {
+            EXPECT_EQ(gone, 1) << number;
+        }
+    }
+}
+
+TEST(TinyXmlOutOfMemory, ATreeIsDestroyedWithoutMemory) {
+    const auto destroy_without_memory = [] {
+        auto element = std::make_unique<NTiXmlElement>();
+        element->AppendChild(std::make_unique<NTiXmlElement>().release());
+        runs_out(0, Refusal::kAllBehind, [&] { element.reset(); });
+        std::_Exit(0);
+    };
+    EXPECT_EXIT(destroy_without_memory(), testing::ExitedWithCode(0), "");
+}
+
+TEST(TinyXmlOutOfMemory, ARemovalHappensWholeOrNotAtAll) {
+    int gone = 0;
+    NTiXmlElement element;
+    append_counted(element, gone).Name() = "n";
+    NTiXmlElementCursor at(element, "n");
+    const bool failed = runs_out(0, Refusal::kOne, [&] { element.RemoveChildElement(at); });
+    EXPECT_EQ(gone, failed ? 0 : 1);
+    EXPECT_EQ(element.Children().size(), failed ? 1U : 0U);
+}
+
+TEST(TinyXmlOutOfMemory, NothingOfATextIsUsedBehindAParseThatFailed) {
+    for (long number = 0; number < 20; ++number) {
+        NTiXmlElement element;
+        std::string text = "<name>" + std::string(3000, 't') + "</name>";
+        runs_out(number, Refusal::kOne, [&] { element.Parse(text.c_str()); });
+        std::fill(text.begin(), text.end(), '#');
+        EXPECT_EQ(ToString(element).find('#'), std::string::npos) << number;
+    }
+}
+
+TEST(TinyXmlOutOfMemory, NothingOfACommentIsUsedBehindAParseThatFailed) {
+    for (long number = 0; number < 8; ++number) {
+        NTiXmlComment comment;
+        std::string text = "<!--" + std::string(3000, 't') + "-->";
+        runs_out(number, Refusal::kOne, [&] { comment.Parse(text.c_str()); });
+        std::fill(text.begin(), text.end(), '#');
+        EXPECT_EQ(ToString(comment).find('#'), std::string::npos) << number;
+    }
+}
+
+TEST(TinyXmlMemory, AReferenceToTheTextFromBeforeAParseReachesNoNode) {
+    NTiXmlDoc document("<a/>", false);
+    std::string& text = document.Text();
+    text = "<b>text</b>";
+    document.Parse(nullptr);
+    text = "###########";
+    EXPECT_EQ(ToString(document), "<b>text</b>\n");
+}
+
 }  // namespace

@@ -502,6 +502,15 @@ void expect_escaped(const std::string& text) {
     EXPECT_EQ(out.Length(), 2 + counted);
 }
 
+TEST(OutBuffer, MarkupOfNothingAddsNothing) {
+    NTiXmlOutBuffer out;
+    out.AppendMarkup({});
+    out.AppendMarkup("[");
+    out.AppendMarkup({});
+    EXPECT_STREQ(out.Text(), "[");
+    EXPECT_EQ(out.Length(), 1);
+}
+
 constexpr std::size_t kSizesAroundPieces[] = {0,    1,    1023, 1024, 1025, 4095,
                                               4096, 4097, 8191, 8192, 8193, 10000};
 
