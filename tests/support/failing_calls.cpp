@@ -3,7 +3,7 @@
 //   FAIL_POPEN=K FAIL_SYSTEM=K FAIL_FORK=K FAIL_FOPEN=K FAIL_FWRITE=K FAIL_FCLOSE=K FAIL_NEW=K
 //                        the K-th call, counted from 1, fails without doing anything (a failing
 //                        fclose still closes); FAIL_NEW stands for operator new, and for the
-//                        memory that the program itself asks the C library for
+//                        memory that the program itself asks the C library for from main() on
 //   SHORT_FWRITE=K       the K-th fwrite writes a single item
 //   FAIL_FOPEN_PATH=F    only opening this file counts for FAIL_FOPEN
 //   FAIL_ERRNO=N         errno of the failure, in place of the usual one
@@ -125,11 +125,25 @@ struct ProgramCode {
     }
 };
 
+using Main = int (*)(int, char**, char**);
+
+// Set when main() begins: the C++ library's spare memory, taken before, is none of the program's.
+Main program_main = nullptr;
+bool has_begun = false;
+
 // True when memory that is asked for from there is to be refused.
 bool is_refused(const void* caller) {
+    if (!has_begun) {
+        return false;
+    }
     static const ProgramCode program;
     const auto address = reinterpret_cast<std::uintptr_t>(caller);
     return address >= program.begin && address < program.end && plan().strikes(kNew);
+}
+
+int begin(int count, char** arguments, char** environment) {
+    has_begun = true;
+    return program_main(count, arguments, environment);
 }
 
 template <typename Function>
@@ -157,6 +171,13 @@ extern "C" {
 void* __libc_malloc(std::size_t size);
 void* __libc_realloc(void* memory, std::size_t size);
 void* __libc_memalign(std::size_t alignment, std::size_t size);
+
+int __libc_start_main(Main main, int count, char** arguments, void (*init)(), void (*end)(),
+                      void (*loader_end)(), void* stack_end) {
+    program_main = main;
+    return next<decltype(__libc_start_main)>("__libc_start_main")(begin, count, arguments, init,
+                                                                  end, loader_end, stack_end);
+}
 
 void* malloc(std::size_t size) {
     return is_refused(__builtin_return_address(0)) ? nullptr : __libc_malloc(size);
