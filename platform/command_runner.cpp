@@ -128,12 +128,21 @@ bool read_all_lines(const std::string& command, std::vector<std::string>& lines)
 }
 
 int command_status(const std::string& command) {
-    if (const auto words = plain_words(command)) {
-        if (const auto status = spawn_status(*words)) {
-            return *status;
+    const std::vector<std::string> commands = plain_commands(command);
+    std::size_t begin = 0;
+    int status = 0;
+    for (const std::string& each : commands) {
+        const auto spawned = spawn_status(*plain_words(each));
+        if (!spawned) {
+            return std::system(command.c_str() + begin);
         }
+        status = *spawned;
+        if (status == -1) {
+            return status;
+        }
+        begin += each.size() + 1;
     }
-    return std::system(command.c_str());
+    return commands.empty() ? std::system(command.c_str()) : status;
 }
 
 std::string format_command(std::size_t limit, const char* format, ...) {

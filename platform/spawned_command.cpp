@@ -10,7 +10,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
-#include <new>
+#include <cstring>
 #include <string_view>
 
 extern char** environ;
@@ -20,6 +20,8 @@ namespace {
 constexpr std::string_view kPlainCharacters =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_./:@%+=,-";
 constexpr std::array<std::string_view, 2> kPrograms = {"regsh", "rm"};
+
+constexpr int kEndedBySignal = 128;  // added to the signal's number, it is the shell's exit status
 
 // The signals that a keyboard sends.
 constexpr std::array kKeyboardSignals = {SIGINT, SIGQUIT};
@@ -85,6 +87,20 @@ bool concerns_the_program(int error) {
     return error != EAGAIN && error != ENOMEM;
 }
 
+// Says what the shell says of a program that a signal has ended. Returns the status that the shell
+// ends with.
+int report_end(int status) {
+    if (!WIFSIGNALED(status)) {
+        return status;
+    }
+    const int signal = WTERMSIG(status);
+    if (signal != SIGINT && signal != SIGPIPE) {
+        const char* core = WCOREDUMP(status) ? " (core dumped)" : "";
+        std::fprintf(stderr, "%s%s\n", ::strsignal(signal), core);
+    }
+    return W_EXITCODE(kEndedBySignal + signal, 0);
+}
+
 int wait_for(pid_t process) {
     int status = 0;
     while (::waitpid(process, &status, 0) == -1) {
@@ -92,10 +108,24 @@ int wait_for(pid_t process) {
             return -1;
         }
     }
-    return status;
+    return report_end(status);
 }
 
 }  // namespace
+
+std::vector<std::string> plain_commands(const std::string& line) {
+    std::vector<std::string> commands;
+    for (std::size_t begin = 0; begin <= line.size();) {
+        const std::size_t end = std::min(line.find(';', begin), line.size());
+        commands.push_back(line.substr(begin, end - begin));
+        const bool is_last = end == line.size();
+        if (!plain_words(commands.back()) || (!is_last && commands.back().back() == '\n')) {
+            return {};
+        }
+        begin = end + 1;
+    }
+    return commands;
+}
 
 std::optional<std::vector<std::string>> plain_words(const std::string& command) {
     std::string_view left = command;

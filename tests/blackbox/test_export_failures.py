@@ -241,15 +241,29 @@ def test_a_folder_in_place_of_the_temporary_file_cannot_be_removed(device, get):
         told + b'corvik: the registry export /tmp/freerdp.xml holds no "<"\n', tmp=["freerdp.xml"])
 
 
-def test_no_shell_can_be_started_for_the_export(device, programs, get):
+@pytest.mark.parametrize("command", ["5", "6"], ids=["rm", "regsh"])
+def test_nothing_can_be_started_for_the_export(device, programs, get, command):
     recorder = exports(device.recorder(), TWO)
-    assert get(env=preload(programs, FAIL_SYSTEM="5")) == untouched(50)
+    assert get(env=preload(programs, FAIL_SYSTEM=command)) == untouched(50)
     assert recorder.calls == NAME_TABLE_CALLS
+
+
+@pytest.mark.parametrize("name", ["KILL", "SEGV", "TERM", "INT", "PIPE"])
+def test_a_signal_that_ends_the_client_is_told_as_the_shell_tells_it(device, name):
+    client = device.folder / "killed"
+    client.write_text(f"#!/bin/sh\nkill -{name} $$\n")
+    client.chmod(0o755)
+    (device.home / "out.xml").write_bytes(BEFORE)
+    lines = ["regsh contains x"] * 4 + ["rm -f x;regsh export x x"]
+    told = b"".join(told_by_shell(device, line, client=client) for line in lines)
+    assert len(told.splitlines()) == (0 if name in ("INT", "PIPE") else len(lines))
+    result = device.corvik("-get", "RDP", "-f", "out.xml", client=client)
+    assert outcome(device, result) == untouched(50, stderr=told)
 
 
 def test_no_shell_can_be_started_for_the_removal(device, programs, get):
     exports(device.recorder(), TWO)
-    assert get(env=preload(programs, FAIL_SYSTEM="6")) == Outcome(
+    assert get(env=preload(programs, FAIL_SYSTEM="7")) == Outcome(
         0, stderr=WALK_ENDED, log=log_of("RDP", "out.xml", 0), file=TWO_FILE, tmp=["freerdp.xml"])
 
 

@@ -4,7 +4,7 @@ import pytest
 
 from import_run import (DEFAULT, GET_DEFAULT, NO_POPEN, RESET_DEFAULT, WALK_OVER, ImportCase, Left,
                         classic, conn, connections_file, connections_path, entry, export, imported,
-                        looked_up, merged, refreshed, removed, spoken)
+                        looked_up, merged, refreshed, removed, single_commands, spoken)
 
 ONE = export(conn("id-1", "Office"))
 ONE_FILE = connections_file(ONE, entry("Office"))
@@ -241,13 +241,14 @@ def test_the_export_command_keeps_1022_characters(case, length, written):
     command = merged(name)[0]
     assert len(command) == 59 + 3 * length
     target = f"/tmp/{name}.xml"[:len(command[:1022]) - len(command) or None]
-    assert ("system", command[:1022]) in left.commands
+    for each in single_commands(command[:1022]):
+        assert ("system", each) in left.commands
     assert ["regsh", "export", f"root/ConnectionType/{name}", target] in left.calls
     whole = written == ".xml"
     assert left.document == export(conn("id-1", "Office"),
                                    *([conn("id-9", "Nine")] if whole else [])).printed()
     assert left.stderr == (2 if whole else 1) * WALK_OVER
-    assert (("system", f"rm -f /tmp/{name}.xml") in left.commands) == whole
+    assert left.commands.count(("system", f"rm -f /tmp/{name}.xml")) == (2 if whole else 1)
 
 
 @pytest.mark.parametrize("length", [1008, 1009, 1010, 1011, 1018])

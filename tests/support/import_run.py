@@ -5,6 +5,7 @@ uneventful run, so a test tells only what its case is about.
 """
 
 import os
+import re
 import shlex
 from dataclasses import dataclass, field
 
@@ -22,6 +23,9 @@ NO_TYPE = "Could not find <NodeDir> - type. \n"
 NO_CONNECTIONS = "Could not find <NodeDir> - connections. \n"
 EXPORT_UNPARSED = "Failed to parse the exported registry information.\n"
 NO_POPEN = "popen() failure.\n"
+
+# What a line is made of when no shell is needed to start its commands.
+PLAIN = re.compile(r"[\w./:@%+=,-]+(?:[ ;][\w./:@%+=,-]+)*\n?", re.ASCII)
 
 # Registry paths
 
@@ -217,6 +221,11 @@ def spoken(command):
     return ("popen" if command.startswith(("regsh get", "cat ")) else "system", command)
 
 
+def single_commands(line):
+    """The commands of a line; where a shell has more to do than to start them, the line itself."""
+    return line.split(";") if PLAIN.fullmatch(line) else [line]
+
+
 # Runs
 
 def log_of(result=0, typed="RDP", file="in.xml", remove=False):
@@ -254,7 +263,7 @@ class Left:
             self.imports = [] if self.document is None else [self.document]
         if self.tmp is None:
             self.tmp = [] if self.document is None else ["import.xml"]
-        self.commands = [spoken(line) for line in self.commands]
+        self.commands = [spoken(each) for line in self.commands for each in single_commands(line)]
 
 
 NOTHING_TO_MERGE = export(conn(None, "Nameless"))
