@@ -77,7 +77,9 @@ def do_script(log: str, script: str) -> None:
 
 
 def do_same_commands(logs: list[str]) -> None:
-    first, *others = [[command.strip() for _, command in recorded(log)] for log in logs]
+    # Commands of one line for a shell may also be started one by one.
+    first, *others = [[command.strip() for _, line in recorded(log) for command in line.split(";")]
+                      for log in logs]
     if any(other != first for other in others):
         sys.exit(f"different commands: {' '.join(logs)}")
 

@@ -13,6 +13,7 @@
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <sstream>
@@ -99,13 +100,19 @@ inline std::string registry_value(const std::string& path) {
     return lines.empty() ? std::string() : second_of_two(lines.front());
 }
 
+// Whether this is a zero client is seen by this.
 inline std::string product_config() {
-    std::string value;
-    for (const std::string& line : output_lines(
-             R"(cat /etc/systeminfo | grep PRODUCT_CONFIG | head -n1 | cut -d '"' -f 2)")) {
-        value = line.substr(0, line.find_last_not_of(" \n") + 1);
+    std::ifstream file("/etc/systeminfo");
+    for (std::string line; std::getline(file, line);) {
+        if (line.find("PRODUCT_CONFIG") != std::string::npos) {
+            std::istringstream parts(line);
+            std::string value;
+            std::getline(parts, value, '"');
+            std::getline(parts, value, '"');
+            return value;
+        }
     }
-    return value;
+    return {};
 }
 
 class Pipeline {
@@ -137,7 +144,6 @@ public:
             return false;
         }
         refresh_icons();
-        ask_product_config();
         return true;
     }
 
@@ -153,24 +159,14 @@ private:
             !(documents_.*use)(export_file_)) {
             return false;
         }
-        ask_product_config();
+        static_cast<void>(product_config());
         run("rm -f " + export_file_);
         return true;
     }
 
-    // Whether this is a zero client: asked once a run.
-    void ask_product_config() {
-        if (!asked_product_config_) {
-            static_cast<void>(product_config());
-        }
-        asked_product_config_ = true;
-    }
-
     void remove_connections() {
         const std::vector<std::string> lines = output_lines("regsh get " + path_);
-        if (!registry_value("root/ConnectionManager/defaultConnection").empty()) {
-            ask_product_config();
-        }
+        registry_value("root/ConnectionManager/defaultConnection");
         for (const std::string& line : lines) {
             if (const std::string entry = second_of_two(line); !entry.empty()) {
                 run("regsh delete " + entry + "\n");
@@ -188,7 +184,6 @@ private:
         }
         run("regsh import " + file);
         run("regsh commit " + path_);
-        ask_product_config();
         return true;
     }
 
@@ -207,7 +202,6 @@ private:
     std::string type_path_;
     std::string path_;
     std::string export_file_;
-    bool asked_product_config_ = false;
 };
 
 inline int main_of(int argc, char* argv[], Documents& documents) {

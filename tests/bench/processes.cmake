@@ -2,6 +2,7 @@
 foreach(library pugixml libxml2)
   add_executable(pipeline_${library} pipeline_${library}.cpp)
   target_link_libraries(pipeline_${library} PRIVATE corvik_flags)
+  target_link_options(pipeline_${library} PRIVATE -static-libstdc++ -static-libgcc)  # as the tool
 endforeach()
 target_link_libraries(pipeline_pugixml PRIVATE pugixml::pugixml)
 target_link_libraries(pipeline_libxml2 PRIVATE LibXml2::LibXml2)
