@@ -1,6 +1,6 @@
 #include "common/tinyxml_memory.h"
 
-#include <sys/mman.h>
+#include "common/large_pages.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -9,18 +9,13 @@
 
 namespace {
 
-// From this size on blocks are made of the kernel's large pages, where it has them: a big document
-// then costs one page fault where it would cost hundreds.
-constexpr std::size_t kLargePage = std::size_t{2} << 20U;
-
 std::byte* allocate_block(std::size_t size) {
     if (size < kLargePage) {
         return static_cast<std::byte*>(std::malloc(size));
     }
     void* block = std::aligned_alloc(kLargePage, size);
     if (block != nullptr) {
-        // Only advice: without it the block works as well.
-        static_cast<void>(::madvise(block, size, MADV_HUGEPAGE));
+        advise_large_pages(block, size);
     }
     return static_cast<std::byte*>(block);
 }

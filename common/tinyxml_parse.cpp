@@ -2,6 +2,7 @@
 
 #include "common/file_blocks.h"
 #include "common/file_handle.h"
+#include "common/large_pages.h"
 #include "common/tinyxml_memory.h"
 #include "common/xml_entities.h"
 
@@ -10,6 +11,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -99,7 +101,7 @@ const char* find_stop(const char* p, unsigned stops) {
 // behind what was taken.
 const char* append_entity(const char* p, std::string& out) {
     for (const XmlEntity& entity : kXmlEntities) {
-        if (std::strncmp(p, entity.text.data(), entity.text.size()) == 0) {
+        if (p[1] == entity.text[1] && StringEqual(p + 2, entity.text.substr(2), false)) {
             out += entity.character;
             return p + entity.text.size();
         }
@@ -166,6 +168,12 @@ private:
     template <class End>
     const char* ReadChanged(const char* p, const End& end) {
         changed_ = true;
+        if constexpr (std::is_same_v<End, Markup>) {
+            if (const char* tag = std::strchr(p, '<')) {
+                string_.reserve(string_.size() + static_cast<std::size_t>(tag - p));
+                advise_large_pages(string_.data(), string_.capacity());
+            }
+        }
         bool pending_space = false;
         while (*p != '\0') {
             if (end.IsAt(p)) {

@@ -1,5 +1,6 @@
 #include "common/tinyxml.h"
 
+#include "common/large_pages.h"
 #include "common/xml_entities.h"
 
 #include <algorithm>
@@ -64,6 +65,7 @@ void NTiXmlOutBuffer::GrowMemory(std::size_t count) {
     static_cast<void>(text_.release());
     text_.reset(grown);
     allocated_ = size;
+    advise_large_pages(grown, size);
 }
 
 char* NTiXmlOutBuffer::Release() {
