@@ -274,14 +274,13 @@ int attach_sessions_guarded(NTiXmlElement& file_root, const NTiXmlElement& expor
 }
 
 // True when the element is the same after it was printed and parsed: it holds nothing but elements,
-// and no text that is printed as it is and would read as something else.
+// and a text only where there are none. Text before elements reads as not well-formed.
 bool reads_back_the_same(const NTiXmlElement& root) {
     std::vector<const NTiXmlElement*> pending = {&root};
     while (!pending.empty()) {
         const NTiXmlElement& element = *pending.back();
         pending.pop_back();
-        const bool printed_as_it_is = !element.Children().empty();
-        if (printed_as_it_is && element.TextView().find_first_of("<>&") != std::string_view::npos) {
+        if (!element.Children().empty() && !element.TextView().empty()) {
             return false;
         }
         for (const NTiXmlNode* child : element.Children()) {

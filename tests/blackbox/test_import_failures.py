@@ -342,6 +342,20 @@ def test_an_export_of_the_registry_without_connections_directory(case, document,
     assert case.set(ONE_FILE) == unmerged(message + NO_GENERAL)
 
 
+LEVELS = ("P", "ProfileRegistry", 'NodeDir name="freerdp"', 'NodeDir name="connections"',
+          'NodeDir name="id-9"', 'NodeKey name="label"')
+
+
+@pytest.mark.parametrize("level", LEVELS)
+def test_text_behind_elements_keeps_an_export_from_being_merged(case, level):
+    """It is printed before them, where it must not stand."""
+    text = '<NodeParam type="string">Nine</NodeParam>'
+    for each in reversed(LEVELS):
+        text = f"<{each}>{text}{'tail' if each == level else ''}</{each.split()[0]}>"
+    case.holds(text)
+    assert case.set(ONE_FILE) == unmerged(WALK_OVER)
+
+
 def test_an_export_of_the_registry_that_does_not_parse_a_second_time(case):
     # Text behind children is printed before them, where it must not stand.
     case.holds("<P><ProfileRegistry><NodeDir><NodeDir name='connections'><NodeDir name='id-9'>"
