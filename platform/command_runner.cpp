@@ -137,8 +137,8 @@ int command_status(const std::string& command) {
             return std::system(command.c_str() + begin);
         }
         status = *spawned;
-        if (status == -1) {
-            return status;
+        if (status == -1 && errno != ECHILD) {
+            return status;  // nothing can be started
         }
         begin += each.size() + 1;
     }

@@ -50,8 +50,8 @@ public:
         ::sigprocmask(SIG_SETMASK, &mask_, nullptr);
     }
 
-    // Gives the program the signals as they were.
-    void Restore(posix_spawnattr_t& attributes) const {
+    // Those of them that the program takes as it is told by default, as the tool did before.
+    sigset_t Defaults() const {
         sigset_t defaults;
         ::sigemptyset(&defaults);
         for (std::size_t signal = 0; signal < kKeyboardSignals.size(); ++signal) {
@@ -59,9 +59,7 @@ public:
                 ::sigaddset(&defaults, kKeyboardSignals[signal]);
             }
         }
-        ::posix_spawnattr_setsigdefault(&attributes, &defaults);
-        ::posix_spawnattr_setsigmask(&attributes, &mask_);
-        ::posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
+        return defaults;
     }
 
 private:
@@ -69,17 +67,34 @@ private:
     sigset_t mask_{};
 };
 
-// 0, or the error that says why the program did not start.
+sigset_t no_signals() {
+    sigset_t none;
+    ::sigemptyset(&none);
+    return none;
+}
+
+// Starts the program with the default for `defaults` and, as the shell does, with no signal
+// blocked. 0, or the error that says why it did not start.
 int spawn(const std::vector<std::string>& words, const posix_spawn_file_actions_t* actions,
-          const posix_spawnattr_t* attributes, pid_t& process) {
+          const sigset_t& defaults, pid_t& process) {
     std::vector<char*> arguments;
     arguments.reserve(words.size() + 1);
     for (const std::string& word : words) {
         arguments.push_back(const_cast<char*>(word.c_str()));
     }
     arguments.push_back(nullptr);
-    return ::posix_spawnp(&process, arguments.front(), actions, attributes, arguments.data(),
-                          environ);
+    posix_spawnattr_t attributes;
+    if (const int error = ::posix_spawnattr_init(&attributes); error != 0) {
+        return error;
+    }
+    const sigset_t none = no_signals();
+    ::posix_spawnattr_setsigdefault(&attributes, &defaults);
+    ::posix_spawnattr_setsigmask(&attributes, &none);
+    ::posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
+    const int error = ::posix_spawnp(&process, arguments.front(), actions, &attributes,
+                                     arguments.data(), environ);
+    ::posix_spawnattr_destroy(&attributes);
+    return error;
 }
 
 // What is short for a moment would be so for the shell too; the rest is about the program.
@@ -156,18 +171,16 @@ std::optional<std::vector<std::string>> plain_words(const std::string& command) 
 
 std::optional<int> spawn_status(const std::vector<std::string>& words) {
     const QuietSignals quiet;
-    posix_spawnattr_t attributes;
-    if (::posix_spawnattr_init(&attributes) != 0) {
-        return -1;
-    }
-    quiet.Restore(attributes);
     pid_t process = -1;
-    const int error = spawn(words, nullptr, &attributes, process);
-    ::posix_spawnattr_destroy(&attributes);
+    const int error = spawn(words, nullptr, quiet.Defaults(), process);
     if (error == 0) {
         return wait_for(process);
     }
-    return concerns_the_program(error) ? std::nullopt : std::optional(-1);
+    if (concerns_the_program(error)) {
+        return std::nullopt;
+    }
+    errno = error;
+    return -1;
 }
 
 SpawnedOutput::SpawnedOutput(const std::vector<std::string>& words) {
@@ -193,7 +206,7 @@ int SpawnedOutput::Start(const std::vector<std::string>& words, int write_end) {
     }
     error = ::posix_spawn_file_actions_adddup2(&actions, write_end, STDOUT_FILENO);
     if (error == 0) {
-        error = spawn(words, &actions, nullptr, process_);
+        error = spawn(words, &actions, no_signals(), process_);
     }
     ::posix_spawn_file_actions_destroy(&actions);
     return error;

@@ -18,9 +18,10 @@ std::optional<std::vector<std::string>> plain_words(const std::string& command);
 std::vector<std::string> plain_commands(const std::string& line);
 
 // Runs the program with those words, at least one, as system() runs a command line: signals from
-// the keyboard are left to the program meanwhile, and of a program that a signal ends standard error
-// tells. Its status as system() gives it, or -1 when it could not be started or waited for; nothing
-// when the shell is to be asked, which says what is wrong with the program.
+// the keyboard are left to the program meanwhile, and of a program that a signal ends standard
+// error tells. Its status as system() gives it, or -1 with errno set when it could not be started
+// or, with ECHILD, not be waited for; nothing when the shell is to be asked, which says what is
+// wrong with the program.
 std::optional<int> spawn_status(const std::vector<std::string>& words);
 
 // A program's standard output, and its end.

@@ -5,6 +5,8 @@
 #include "platform/command_runner.h"
 #include "platform/os_subtype.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <array>
 #include <cstdio>
@@ -20,6 +22,10 @@ constexpr const char* kAskProductConfig =
 
 // The file's text when it is one of which the pipeline's programs make the same on every device.
 std::optional<std::string> plain_system_info() {
+    struct stat status {};
+    if (::stat(kSystemInfo, &status) != 0 || !S_ISREG(status.st_mode)) {
+        return std::nullopt;  // what is read here would be lost to the pipeline
+    }
     // Less than the first line that is kept of a command.
     std::array<char, 1000> text;
     const FileHandle file(std::fopen(kSystemInfo, "rb"));

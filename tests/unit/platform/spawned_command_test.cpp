@@ -620,13 +620,9 @@ TEST_F(SpawnStatus, SignalMaskIsRestored) {
     }
 }
 
-TEST_F(SpawnStatus, SignalMaskIsInherited) {
+TEST_F(SpawnStatus, NoSignalIsBlockedInTheProgram) {
     Programs().PutProgram("regsh", "kill -USR1 $$\nexit 9\n");
-    {
-        const BlockedSignals mask({SIGUSR1});
-        EXPECT_EQ(spawn_status({"regsh"}), 9 << 8);
-    }
-    const BlockedSignals none({});
+    const BlockedSignals mask({SIGUSR1});
     EXPECT_EQ(quietly_ended("USR1"), ended_by(SIGUSR1));
 }
 
@@ -718,6 +714,14 @@ TEST_F(SpawnedStream, OfAKilledProgramEndsThere) {
     Programs().PutProgram("regsh", "echo out\nkill -KILL $$\necho more\n");
     EXPECT_EQ(captured_stderr([] { EXPECT_EQ(spawned_text({"regsh"}), "out\n"); }), "Killed\n");
     EXPECT_TRUE(has_no_child());
+}
+
+TEST_F(SpawnedStream, NoSignalIsBlockedInTheProgram) {
+    Programs().PutProgram("regsh", "kill -USR1 $$\necho blocked\n");
+    const BlockedSignals mask({SIGUSR1});
+    std::string text;
+    captured_stderr([&] { text = spawned_text({"regsh"}); });
+    EXPECT_EQ(text, "");
 }
 
 TEST_F(SpawnedStream, EndsAfterTheProgram) {
@@ -1195,6 +1199,14 @@ TEST_F(SpawnOrShell, TheShellTakesOverWhereAProgramIsMissing) {
     EXPECT_EQ(captured_stderr([&] { status = command_status("rm a;regsh b"); }),
               "sh: 1: regsh: not found\n");
     EXPECT_EQ(status, 127 << 8);
+}
+
+TEST_F(SpawnOrShell, WhoseEndCannotBeWaitedForStopsNoLine) {
+    Programs().PutProgram("regsh", "echo \"regsh $*\"\n");
+    const auto before = ::signal(SIGCHLD, SIG_IGN);
+    EXPECT_EQ(captured_stdout([] { EXPECT_EQ(command_status("regsh a;regsh b"), -1); }),
+              "regsh a\nregsh b\n");
+    ::signal(SIGCHLD, before);
 }
 
 TEST_F(SpawnOrShell, NothingMoreOfALineRunsOnceNothingCanBeStarted) {
