@@ -1,7 +1,5 @@
 #include "common/file_blocks.h"
 
-#include "common/large_pages.h"
-
 #include <sys/stat.h>
 
 #include <string_view>
@@ -14,7 +12,6 @@ void reserve_for(std::FILE* file, std::string& content) {
     struct stat status {};
     if (::fstat(::fileno(file), &status) == 0 && S_ISREG(status.st_mode)) {
         content.reserve(content.size() + static_cast<std::size_t>(status.st_size) + 1);
-        advise_large_pages(content.data(), content.capacity());
     }
 }
 

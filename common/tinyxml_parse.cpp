@@ -143,7 +143,7 @@ public:
                 text_ = between(start, p);
                 return p + end.size;
             }
-            const char* following = skip_white(p);
+            const char* following = SkipWhiteBefore(p, end);
             if (following > p && end.IsAt(following)) {
                 text_ = between(start, p);
                 return following + end.size;
@@ -165,6 +165,18 @@ public:
     std::string* Changed() { return changed_ ? &string_ : nullptr; }
 
 private:
+    // The end may begin with white space itself.
+    template <class End>
+    static const char* SkipWhiteBefore(const char* p, const End& end) {
+        if constexpr (std::is_same_v<End, EndTag>) {
+            while (is_white(*p) && !end.IsAt(p)) {
+                ++p;
+            }
+            return p;
+        }
+        return skip_white(p);
+    }
+
     template <class End>
     const char* ReadChanged(const char* p, const End& end) {
         changed_ = true;
@@ -184,7 +196,7 @@ private:
             }
             if (is_white(*p)) {
                 pending_space = true;
-                p = skip_white(p);
+                p = SkipWhiteBefore(p, end);
                 continue;
             }
             if (pending_space) {
@@ -357,6 +369,7 @@ const char* NTiXmlParser::ParseAttribute(const char* p, NTiXmlText& name, NTiXml
 }
 
 const char* NTiXmlParser::ParseComment(const char* p, NTiXmlComment& comment) {
+    comment.text_.SetView({});
     const char* start = skip_white(p);
     constexpr std::string_view opening = "<!--";
     if (!StringEqual(start, opening, true)) {
@@ -371,6 +384,7 @@ const char* NTiXmlParser::ParseComment(const char* p, NTiXmlComment& comment) {
 }
 
 const char* NTiXmlParser::ParseExtra(const char* p, NTiXmlExtra& extra) {
+    extra.text_.SetView({});
     const char* start = skip_white(p);
     if (*start != '<') {
         fail(425, kExtraError, start);
@@ -450,12 +464,15 @@ const char* NTiXmlParser::ParseStartTag(const char* p, NTiXmlElement& element, b
     if (*start != '<') {
         fail(659, kElementError, start);
     }
+    element.name_.SetView({});
     const char* name = skip_white(start + 1);
     p = find_name_end(name);
+    if (p != nullptr) {
+        SetVerbatim(element.name_, between(name, p));
+    }
     if (p == nullptr || *p == '\0') {
         fail(667, kElementError, start);
     }
-    SetVerbatim(element.name_, between(name, p));
     for (;;) {
         p = skip_white(p);
         if (*p == '\0') {

@@ -1,6 +1,5 @@
 #include "common/tinyxml.h"
 
-#include "common/large_pages.h"
 #include "common/xml_entities.h"
 
 #include <algorithm>
@@ -65,7 +64,6 @@ void NTiXmlOutBuffer::GrowMemory(std::size_t count) {
     static_cast<void>(text_.release());
     text_.reset(grown);
     allocated_ = size;
-    advise_large_pages(grown, size);
 }
 
 char* NTiXmlOutBuffer::Release() {

@@ -203,6 +203,14 @@ TEST(TinyXmlSteps, ReadTextEndsBehindTheEndTag) {
     EXPECT_EQ(text_read("<", "<"), "|");
 }
 
+TEST(TinyXmlSteps, ReadTextFindsAnEndTagThatBeginsWithWhiteSpace) {
+    EXPECT_EQ(text_read("a xb", " x"), "a|b");
+    EXPECT_EQ(text_read("a  xb", " x"), "a|b");
+    EXPECT_EQ(text_read("a \n xb", " x"), "a|b");
+    EXPECT_EQ(text_read("a&amp;  xb", " x"), "a&|b");
+    EXPECT_EQ(text_read("a \n", "\n"), "a|");
+}
+
 TEST(TinyXmlSteps, ReadTextCondensesWhiteSpace) {
     EXPECT_EQ(text_read(" \n a \t\r\n b\v\fc  <", "<"), "a b c|");
     EXPECT_EQ(text_read("   <", "<"), "|");
@@ -354,6 +362,31 @@ TEST(TinyXmlParseComment, TextIsCondensedAndDecoded) {
 TEST(TinyXmlParseComment, Empty) {
     EXPECT_EQ(tree_of("<!---->"), "C '' ");
     EXPECT_EQ(tree_of("<!-- -->"), "C '' ");
+}
+
+// What stood in a node does not survive a parse that fails.
+template <typename Node>
+std::string text_behind(const char* good, const char* bad) {
+    Node node;
+    node.Parse(good);
+    EXPECT_NE(failure_of([&] { node.Parse(bad); }).message, "no exception");
+    return std::string(node.TextView());
+}
+
+TEST(TinyXmlParseAgain, AFailureLeavesNoTextOfBefore) {
+    EXPECT_EQ(text_behind<NTiXmlComment>("<!--old-->", "<new-->"), "");
+    EXPECT_EQ(text_behind<NTiXmlComment>("<!--old-->", "<!--new"), "");
+    EXPECT_EQ(text_behind<NTiXmlExtra>("<old>", "new"), "");
+    EXPECT_EQ(text_behind<NTiXmlExtra>("<old>", "<new"), "");
+}
+
+TEST(TinyXmlParseAgain, AFailureLeavesNoNameOfBefore) {
+    NTiXmlElement element;
+    element.Parse("<old/>");
+    failure_of([&] { element.Parse("<1/>"); });
+    EXPECT_EQ(element.NameView(), "");
+    failure_of([&] { element.Parse("<new"); });
+    EXPECT_EQ(element.NameView(), "new");
 }
 
 TEST(TinyXmlParseComment, WithoutItsStart) {
