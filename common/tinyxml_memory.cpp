@@ -1,26 +1,9 @@
 #include "common/tinyxml_memory.h"
 
-#include "common/large_pages.h"
-
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <utility>
-
-namespace {
-
-std::byte* allocate_block(std::size_t size) {
-    if (size < kLargePage) {
-        return static_cast<std::byte*>(std::malloc(size));
-    }
-    void* block = std::aligned_alloc(kLargePage, size);
-    if (block != nullptr) {
-        advise_large_pages(block, size);
-    }
-    return static_cast<std::byte*>(block);
-}
-
-}  // namespace
 
 void NTiXmlMemory::Freer::operator()(std::byte* block) const {
     std::free(block);
@@ -112,13 +95,10 @@ void NTiXmlMemory::Delete(const std::vector<const NTiXmlNode*>& adopted) {
 void NTiXmlMemory::Grow(std::size_t size) {
     // Blocks double, so that few are needed, and end at a size that leaves little of the last one
     // unused.
-    constexpr std::size_t kLargestBlock = 2 * kLargePage;
-    std::size_t block_size = std::max(size, next_block_size_);
-    if (block_size >= kLargePage) {
-        block_size = (block_size + kLargePage - 1) / kLargePage * kLargePage;
-    }
+    constexpr std::size_t kLargestBlock = std::size_t{4} << 20U;
+    const std::size_t block_size = std::max(size, next_block_size_);
     Block& block = blocks_.emplace_back();
-    block.reset(allocate_block(block_size));
+    block.reset(static_cast<std::byte*>(std::malloc(block_size)));
     if (block == nullptr) {
         throw std::bad_alloc();
     }

@@ -2,7 +2,6 @@
 
 #include "common/file_blocks.h"
 #include "common/file_handle.h"
-#include "common/large_pages.h"
 #include "common/tinyxml_memory.h"
 #include "common/xml_entities.h"
 
@@ -183,7 +182,6 @@ private:
         if constexpr (std::is_same_v<End, Markup>) {
             if (const char* tag = std::strchr(p, '<')) {
                 string_.reserve(string_.size() + static_cast<std::size_t>(tag - p));
-                advise_large_pages(string_.data(), string_.capacity());
             }
         }
         bool pending_space = false;

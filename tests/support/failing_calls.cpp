@@ -167,10 +167,9 @@ bool is_counted(const std::FILE* stream) {
 
 extern "C" {
 
-// The C library's own names for what the three below hide.
+// The C library's own names for what the two below hide.
 void* __libc_malloc(std::size_t size);
 void* __libc_realloc(void* memory, std::size_t size);
-void* __libc_memalign(std::size_t alignment, std::size_t size);
 
 int __libc_start_main(Main main, int count, char** arguments, void (*init)(), void (*end)(),
                       void (*loader_end)(), void* stack_end) {
@@ -185,10 +184,6 @@ void* malloc(std::size_t size) {
 
 void* realloc(void* memory, std::size_t size) {
     return is_refused(__builtin_return_address(0)) ? nullptr : __libc_realloc(memory, size);
-}
-
-void* aligned_alloc(std::size_t alignment, std::size_t size) {
-    return is_refused(__builtin_return_address(0)) ? nullptr : __libc_memalign(alignment, size);
 }
 
 FILE* popen(const char* command, const char* mode) {
