@@ -85,7 +85,7 @@ MOST_IN_QUICK_RUN = 1_000
 SCENARIOS = (
     Scenario("get", "instant", "standard", (10, 100, 1_000, 10_000), (11, 3), pipelines=PIPELINES),
     Scenario("get", "reference", "standard", (10, 100), (15, 3), pipelines=PIPELINES),
-    Scenario("get", "reference", "standard", (1_000, 10_000), (5, 0), pipelines=PIPELINES),
+    Scenario("get", "reference", "standard", (1_000, 10_000), (11, 0), pipelines=PIPELINES),
     Scenario("get", "reference", "zero", (10, 100, 1_000), (7, 0)),
     Scenario("get", "reference", "image type 6", (10, 100, 1_000), (7, 0)),
     Scenario("set", "instant", "standard", (1_000, 10_000), (9, 2), (FIRST, SECOND), False,
