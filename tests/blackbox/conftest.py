@@ -18,6 +18,15 @@ from recorder_client import Recorder  # noqa: E402
 TIME_LIMIT_SECONDS = 300
 
 
+def without_ways(names, *paths):
+    """The names of what lies in /tmp without the ways to these paths.
+
+    Where a checkout lies below /tmp, the way to it is shown on the device, too.
+    """
+    shown = {path.parts[2] for path in paths if path.parts[1] == "tmp" and len(path.parts) > 2}
+    return [name for name in names if name not in shown]
+
+
 def program_folder():
     folder = os.environ.get("CORVIK_BIN_DIR")
     if not folder:
@@ -160,10 +169,7 @@ class Device:
 
     def tmp_leftovers(self):
         """Names of what lies in the device's /tmp, sorted."""
-        # Where the build itself lies below /tmp, the way to it is shown on the device, too.
-        shown = {path.parts[2] for path in (self.folder, self.programs)
-                 if path.parts[1] == "tmp" and len(path.parts) > 2}
-        return sorted(name for name in os.listdir(self.tmp) if name not in shown)
+        return without_ways(sorted(os.listdir(self.tmp)), self.folder, self.programs)
 
 
 @pytest.fixture(scope="session")
