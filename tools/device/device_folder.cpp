@@ -45,9 +45,13 @@ void add_from_environment(std::vector<std::filesystem::path>& folders, const cha
     }
 }
 
-// Beside the program comes first: a build tree has room for its own devices, also below /tmp.
+// Beside the program comes first: a build tree has room for its own devices, also below /tmp. An
+// installed program leaves nothing there, as its package could not remove that.
 std::vector<std::filesystem::path> work_folders(const std::filesystem::path& programs) {
-    std::vector<std::filesystem::path> folders = {programs.parent_path() / "device-work"};
+    std::vector<std::filesystem::path> folders;
+    if (!lies_within(programs, "/usr")) {
+        folders.push_back(programs.parent_path() / "device-work");
+    }
     add_from_environment(folders, "XDG_CACHE_HOME", "corvik-device");
     add_from_environment(folders, "HOME", ".cache/corvik-device");
     add_from_environment(folders, "XDG_RUNTIME_DIR", "corvik-device");
