@@ -5,9 +5,6 @@ find_program(GZIP gzip REQUIRED)
 
 # install_compressed(COMPONENT SOURCE DESTINATION NAME)
 function(install_compressed component source destination name)
-  if(NOT EXISTS ${source})
-    return() # TEMPORARY
-  endif()
   set(result ${documents_folder}/${component}/${name}.gz)
   cmake_path(GET result PARENT_PATH folder)
   file(MAKE_DIRECTORY ${folder})
@@ -20,12 +17,12 @@ function(install_compressed component source destination name)
   install(FILES ${result} DESTINATION ${destination} COMPONENT ${component})
 endfunction()
 
-# install_pages(COMPONENT NAME.SECTION...): manual pages of the folder man
-function(install_pages component)
+# install_pages(COMPONENT DESTINATION NAME.SECTION...): manual pages of the folder man
+function(install_pages component destination)
   foreach(page IN LISTS ARGN)
     string(REGEX MATCH "[0-9]$" section ${page})
     install_compressed(${component} ${CMAKE_CURRENT_SOURCE_DIR}/man/${page}
-                       ${CMAKE_INSTALL_MANDIR}/man${section} ${page})
+                       ${destination}/man${section} ${page})
   endforeach()
 endfunction()
 

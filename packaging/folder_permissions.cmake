@@ -1,0 +1,8 @@
+# CPack runs this between installing and packing: no folder keeps what the umask of the builder gave it.
+file(GLOB_RECURSE paths LIST_DIRECTORIES TRUE ${CPACK_TEMPORARY_INSTALL_DIRECTORY}/*)
+foreach(path IN LISTS paths)
+  if(IS_DIRECTORY ${path} AND NOT IS_SYMLINK ${path})
+    file(CHMOD ${path} PERMISSIONS
+         OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+  endif()
+endforeach()
