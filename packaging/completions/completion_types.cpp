@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <iostream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -62,8 +63,7 @@ int main() {
     for (std::uint32_t type = 1; type <= kHighestImageType; ++type) {
         const Names names = names_of(type);
         if (!std::all_of(names.begin(), names.end(), is_plain_word)) {
-            std::cerr << "completion_types: a name of image type " << type
-                      << " is no plain word\n";
+            std::cerr << "completion_types: a name of image type " << type << " is no plain word\n";
             return EXIT_FAILURE;
         }
         print_arm(std::to_string(type), names);

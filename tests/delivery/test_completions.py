@@ -8,6 +8,7 @@ import os
 import pty
 import re
 import select
+import shutil
 import subprocess
 import time
 from pathlib import Path
@@ -16,12 +17,12 @@ import pytest
 
 SOURCE = Path(__file__).resolve().parent.parent.parent
 IDENTITY_FILES = ("/etc/systeminfo", "/etc/imageid")
-LIMIT_SECONDS = 60
-ALL_MATCHES = b"\033*"
+LIMIT_SECONDS = 30
+CURSOR, BACK, ALL_MATCHES = b"|", b"\x02", b"\033*"
 
 MODES = ["-get", "-set", "-v", "-h"]
-NAMES_OF_1 = ["Custom", "ICA", "Firefox", "Leostream", "PNAgent", "Provision", "RDP", "SSH", "Tavrin",
-              "Telnet", "VDM", "Xdmcp"]
+NAMES_OF_1 = ["Custom", "ICA", "Firefox", "Leostream", "PNAgent", "Provision", "RDP", "SSH",
+              "Tavrin", "Telnet", "VDM", "Xdmcp"]
 NAMES_OF_6 = ["VDM", "RDP", "ICA"]
 ALL_NAMES = NAMES_OF_1 + ["RGS", "BNJ", "VWorkspace"]
 
@@ -30,6 +31,12 @@ ALL_NAMES = NAMES_OF_1 + ["RGS", "BNJ", "VWorkspace"]
 
 def program_folder():
     return Path(os.environ["CORVIK_BIN_DIR"]).resolve()
+
+
+def device_command(*options):
+    """The simulated device, made in the way that CORVIK_DEVICE_WAY asks for, if it does."""
+    way = os.environ.get("CORVIK_DEVICE_WAY")
+    return [program_folder() / "device", *(["--way", way] if way else []), *options]
 
 
 def built(name):
@@ -94,17 +101,17 @@ class Terminal:
 class Shell:
     """One kind of shell, with a completion file and a folder to work in."""
 
-    def __init__(self, folder, etc=None):
+    def __init__(self, folder, etc="/etc"):
         self.folder = folder / "work"
         self.folder.mkdir(exist_ok=True)
         self._own = folder / "shell"
         self._own.mkdir(exist_ok=True)
-        self.file = moved(self.name, self._own, etc) if etc else built(self.name)
+        self.file = moved(self.name, self._own, etc)
         self._ahead = []
 
     def on_device(self, *options):
         """From now on the shell runs on a simulated device."""
-        self._ahead = [program_folder() / "device", *options, "--"]
+        self._ahead = device_command(*options, "--")
         return self
 
     def environment(self):
@@ -137,7 +144,8 @@ class TypedShell(Shell):
                       self.folder) as terminal:
             for line in lines:
                 terminal.wait_for_prompt()
-                terminal.type(line.encode() + ALL_MATCHES + b"\n")
+                before, _, behind = line.encode().partition(CURSOR)
+                terminal.type(before + behind + BACK * len(behind) + ALL_MATCHES + b"\n")
             terminal.wait_for_prompt()
         noted = answers.read_text().splitlines()
         return [self._take(noted, line) for line in lines]
@@ -146,10 +154,12 @@ class TypedShell(Shell):
     def _take(noted, line):
         count = int(noted.pop(0))
         words = [noted.pop(0) for _ in range(count)]
-        typed = line.split()[1:]
-        kept = typed if line.endswith(" ") else typed[:-1]
-        assert words[:len(kept)] == kept
-        offered = words[len(kept):]
+        before, _, behind = line.partition(CURSOR.decode())
+        typed, behind = before.split()[1:], behind.split()
+        kept = typed if before.endswith(" ") else typed[:-1]
+        end = len(words) - len(behind)
+        assert (words[:len(kept)], words[end:]) == (kept, behind)
+        offered = words[len(kept):end]
         # Without a match the word stays as it was typed.
         return [] if offered == typed[len(kept):] else offered
 
@@ -238,8 +248,7 @@ DEVICES = {
 
 def make_etc(folder, *options):
     """The /etc of a simulated device, as it lies on this machine."""
-    subprocess.run([program_folder() / "device", "--keep", folder, *options, "--", "true"],
-                   check=True)
+    subprocess.run(device_command("--keep", folder, *options, "--", "true"), check=True)
     return folder / "etc"
 
 
@@ -272,8 +281,8 @@ def test_types_of_two_image_types_in_full(tmp_path, shell, number, names):
 
 
 def shells_of_devices():
-    """A device without mounts has the programs that are asked for, but not what else shells load."""
-    way = subprocess.run([program_folder() / "device", "--describe"], capture_output=True, text=True,
+    """A device without mounts has the programs asked for, but not what else shells load."""
+    way = subprocess.run(device_command("--describe"), capture_output=True, text=True,
                          check=True).stdout.splitlines()[0]
     return [Bash] if way == "way: chroot" else [Bash, Zsh, Fish]
 
@@ -281,8 +290,10 @@ def shells_of_devices():
 @pytest.mark.parametrize("device, names", [("1", NAMES_OF_1), ("6 zero", NAMES_OF_6),
                                            ("*", ALL_NAMES)])
 def test_the_device_itself_is_asked(tmp_path, device, names):
+    # Every device shows its home.
+    home = make_etc(tmp_path / "device").parent / "home"
     for shell in shells_of_devices():
-        on_device = shell(tmp_path).on_device("--keep", tmp_path / "device", *DEVICES[device])
+        on_device = shell(home).on_device("--keep", tmp_path / "device", *DEVICES[device])
         assert sorted(on_device.offered("corvik -get ")) == sorted(names)
 
 
@@ -293,15 +304,22 @@ def literals_of_the_identities():
     text = (SOURCE / "platform/image_id.cpp").read_text()
     rows = re.findall(r'\{"(\w{2,3})", (\d+), (\d+), \d+\}', text)
     assert len(rows) >= 18
-    return sorted({row[0] for row in rows}), sorted({int(bound) for row in rows for bound in row[1:]})
+    codes = {row[0] for row in rows}
+    bounds = {int(bound) for row in rows for bound in row[1:]}
+    return sorted(codes), sorted(bounds)
+
+
+ODD_IDENTIFIERS = [
+    "DXST00x5", "DXSTx005", "DXST5\n12", "TXX4101\n", "TXX410xx", "TXX410 1", "aXX41001",
+    "DXST0020 and more", "DXST0008", "DXST0018\n", "DXST\u00e9a5", "Z\u00e9\u00e9\u00e9\u00e9",
+    "DXST +20", "DXST+ 20", "DXST++20", "DXST\t\n21", "DXST -20", "DXST    ", "........",
+    "--------", "[DM]....", "$HOME$(id)", "T*X41012", "dXST0005", "ZXST0005"]
 
 
 def identifiers():
     codes, bounds = literals_of_the_identities()
     numbers = {bound + step for bound in bounds for step in (-1, 0, 1)}
-    texts = ["DXST00x5", "DXSTx005", "DXST5\n12", "TXX4101\n", "TXX410xx", "TXX410 1", "aXX41001",
-             "DXST0020 and more", "DXST0008", "DXST0018\n", "DXST\u00e9a5", "Z\u00e9\u00e9\u00e9\u00e9",
-             "DXST +20", "DXST+ 20", "DXST++20", "DXST\t\n21", "DXST -20", "DXST    ", "........", "--------", "[DM]....", "$HOME$(id)", "T*X41012", "dXST0005", "ZXST0005"]
+    texts = [*ODD_IDENTIFIERS]
     for code in [*codes, "XX", "999"]:
         width = 4 if len(code) == 2 else 2
         wanted = [f"{number:0{width}}" for number in sorted(numbers) if 0 <= number < 10 ** width]
@@ -367,15 +385,16 @@ def identities(tmp_path_factory):
     make_etc(folder)
     files = folder / "home/files"
     cases = lay_out_identities(files)
+    shutil.copy(program_folder() / "os_probe", folder / "home")
     script = """
         for etc in "$1"/*; do
             rm -f /etc/systeminfo
             cp "$etc"/* /etc
-            os_probe variant | sed -n 2p
+            ./os_probe variant | sed -n 2p
         done
     """
     probed = subprocess.run(
-        [program_folder() / "device", "--keep", folder, "--", "sh", "-c", script, "sh", files],
+        device_command("--keep", folder, "--", "sh", "-c", script, "sh", files),
         capture_output=True, text=True, check=True, cwd=folder / "home")
     types = probed.stdout.splitlines()
     assert len(types) == len(cases) and {str(n) for n in range(1, 11)} <= set(types)
@@ -470,6 +489,17 @@ def test_only_what_can_still_be_given(tmp_path, shell):
     found = shell(tmp_path, empty_etc(tmp_path)).offered_for(wanted)
     assert {line: sorted(words) for line, words in zip(wanted, found)} == {
         line: sorted(words) for line, words in wanted.items()}
+
+
+@pytest.mark.parametrize("shell", [Bash, LoadedBash, Zsh], ids=lambda shell: shell.__name__)
+def test_words_behind_the_cursor_count(tmp_path, shell):
+    # zsh takes the blank behind what it inserts.
+    lines = {"corvik -set RDP |  -f a.xml": ["-p", "-r", "-u"],
+             "corvik -set RDP -|  -R -p x": ["-f", "-u"],
+             "corvik -get RDP |  -x": [],
+             "corvik -get |  -f a.xml": sorted(ALL_NAMES)}
+    found = shell(tmp_path, empty_etc(tmp_path)).offered_for(lines)
+    assert dict(zip(lines, map(sorted, found))) == lines
 
 
 # Files
