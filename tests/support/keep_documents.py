@@ -2,11 +2,10 @@
 
 CORVIK_KEEP_DOCUMENTS names the folder. Each content is kept once, under a name made from it; the file
 "index" there has a line of JSON for each time it was written, with the test and what is known of the
-writer. Tests see nothing of it: each subprocess.run of a program is looked at before and after, so
-that also a document is kept that the same test writes over or removes.
+writer. Tests see nothing of it: the folders are looked at before and after each process, so that also
+a document is kept that the same test writes over or removes.
 """
 
-import functools
 import hashlib
 import json
 import os
@@ -49,7 +48,7 @@ class Call:
         return files
 
     def files(self):
-        folders = [self.home, *([self.tmp] if self.tmp else [])]
+        folders = [self.home, self.tmp] if self.tmp else []
         listed = [path for folder in folders if folder.is_dir() for path in folder.iterdir()]
         return {path: state for path in [*listed, *self.named_files()]
                 if path.name != "corvik.log" and (state := state_of(path))}
@@ -128,21 +127,22 @@ def keep(call, before, status):
             index.write(json.dumps(line).encode() + b"\n")
 
 
-def keeping(run):
-    @functools.wraps(run)
-    def run_and_keep(*arguments, **options):
-        argv = arguments[0] if arguments else options.get("args", ())
-        call = call_of(argv, options.get("cwd"))
-        if call is None:
-            return run(*arguments, **options)
-        before = call.files()
-        completed = run(*arguments, **options)
-        keep(call, before, completed.returncode)
-        return completed
+class KeepingPopen(subprocess.Popen):
+    """What subprocess.run uses, too."""
 
-    return run_and_keep
+    def __init__(self, args, *rest, **options):
+        self._call = call_of(args, options.get("cwd"))
+        self._before = self._call.files() if self._call else {}
+        super().__init__(args, *rest, **options)
+
+    def communicate(self, *arguments, **options):
+        output = super().communicate(*arguments, **options)
+        if self._call:
+            keep(self._call, self._before, self.returncode)
+            self._call = None
+        return output
 
 
 if FOLDER:
     Path(FOLDER).mkdir(parents=True, exist_ok=True)
-    subprocess.run = keeping(subprocess.run)
+    subprocess.Popen = KeepingPopen
