@@ -22,6 +22,7 @@ EPOCH = 1_700_000_000
 SCHEMAS = [f"{name}.{form}" for name in ("corvik-connections", "registry-export")
            for form in ("rnc", "rng", "xsd")]
 PAPERS = ["changelog.Debian.gz", "changelog.gz", "copyright"]
+DOCUMENTS = ["administrators.md", "file-format.md", "registry.md", "roads.svg"]
 SESSIONS = ["accounting.kss", "night_shift.kss", "night_shift.ws", "warehouse.kss", "warehouse.ws"]
 KIT = "usr/lib/corvik-dev-kit/bin"
 SHARED_KIT = "usr/share/corvik-dev-kit"
@@ -36,6 +37,7 @@ FILES = {
         "usr/share/man/man5/corvik-connections.5.gz",
         *(f"usr/share/corvik/schema/{name}" for name in SCHEMAS),
         *(f"usr/share/doc/corvik/{name}" for name in [*PAPERS, "README.md"]),
+        *(f"usr/share/doc/corvik/docs/{name}" for name in DOCUMENTS),
     },
     "corvik-dev-kit": {
         *(f"{KIT}/{name}" for name in ("corvik", "device", "regsh")),
