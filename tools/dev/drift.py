@@ -86,6 +86,8 @@ SINGLE = {
 # Nothing that -get or -set does; the page has no FILES for them.
 NOT_PART_OF_A_RUN = {"platform/os_subtype.cpp", "platform/os_subtype.h",
                      "platform/network_settings.cpp"}
+# Programs that only an unusual /etc/systeminfo brings into a run; the page need not tell them.
+RARE_PROGRAMS = {"cat", "grep", "head", "cut"}
 # Paths of the code that are no business of an administrator.
 PLAIN_DEVICES = {"/dev/null"}
 
@@ -314,6 +316,11 @@ class Source:
         """The innermost of that name that is known there."""
         return next((each for each in self.constants if each.name == name and at in each.scope), None)
 
+    def holder(self, at: int) -> Constant | None:
+        """The constant that a literal is, or is the beginning or end of."""
+        return next((each for each in self.constants if at in each.value
+                     and self.outer[at] == self.outer[each.value.begin]), None)
+
     def callee(self, bracket: int) -> str:
         """What is called with a bracket, or the type of the object that is made with it."""
         name = bracket - 1
@@ -539,9 +546,9 @@ class Literals:
             return True
         if self.stands_apart(source, at):
             return True
-        holder = next((each for each in source.constants if at in each.value), None)
-        if holder and holder.name in TABLES:
+        if any(each.name in TABLES for each in source.constants if at in each.value):
             return True
+        holder = source.holder(at)
         if holder and any(self.stands_apart(source, use) for use in uses(source, holder)):
             return True
         in_print = any(source.callee(each) in ("puts", "fputs", "printf", "fprintf", "tell")
@@ -1033,12 +1040,13 @@ REGISTRY_PATH = re.compile(r"\broot(?:/[\w.{}-]+)+/?")
 
 @dataclass
 class Paths:
-    """What the code names: files, endings of files, entries and keys of the registry, verbs."""
+    """What the code names: files, their endings, entries and keys of the registry, verbs, programs."""
     files: dict[str, str] = field(default_factory=dict)  # path -> where
     endings: dict[str, str] = field(default_factory=dict)
     entries: dict[str, str] = field(default_factory=dict)
     keys: dict[str, str] = field(default_factory=dict)
     verbs: dict[str, str] = field(default_factory=dict)
+    programs: dict[str, str] = field(default_factory=dict)
 
 
 def paths_of(tree: Tree) -> Paths:
@@ -1054,7 +1062,18 @@ def paths_of(tree: Tree) -> Paths:
                 found.files.setdefault(token.text, source.place(at))
             for text in source.texts(source.expression(at), mark=False):
                 take_paths(found, source.path, source.place(at), in_holes(text))
+                if source.path not in NOT_PART_OF_A_RUN and is_command(source, at):
+                    for program in re.findall(r"(?:^|[;|]) *([A-Za-z][\w-]*)(?= |$)", text):
+                        found.programs.setdefault(program, source.place(at))
     return found
+
+
+def is_command(source: Source, at: int) -> bool:
+    """Whether a literal is part of a command line, by its place or as a constant."""
+    holder = source.holder(at)
+    places = [at, *(uses(source, holder) if holder else [])]
+    return any(CALLS.get(source.callee(bracket)) == COMMANDS
+               for place in places for bracket in source.brackets_around(place))
 
 
 def take_paths(found: Paths, source: str, place: str, text: str) -> None:
@@ -1110,14 +1129,30 @@ def check_other_files(out: Differences, tree: Tree, paths: Paths) -> None:
     for item in page.items(page.section("FILES")):
         if item.text().startswith("/") and item.text() not in paths.files:
             out.add(f"{FILE_PAGE}:{item.line}", f"the file {item.text()} of FILES is not in the code")
+    page = tree.page()
+    told = {word for item in page.items(page.section("ENVIRONMENT")) if item.text() == "PATH"
+            for word in re.findall(r"^\.Sy (\w+)$", "\n".join(item.body), re.M)}
+    out.compare(f"{PAGE} (ENVIRONMENT)", "program", told - RARE_PROGRAMS,
+                set(paths.programs) - RARE_PROGRAMS, "the code's commands")
     started = "platform/spawned_command.cpp"
     table = re.search(r"kPrograms = {(.*?)};", tree.read(started), re.S)
     if not table:
         raise Unreadable(f"{started}: kPrograms is not found")
-    page = tree.page()
-    told = [word for item in page.items(page.section("ENVIRONMENT")) if item.text() == "PATH"
-            for word in re.findall(r"^\.Sy (\w+)$", "\n".join(item.body), re.M)]
-    out.compare(f"{PAGE} (ENVIRONMENT)", "program", told, re.findall(r'"(\w+)"', table[1]), started)
+    for program in set(re.findall(r'"(\w+)"', table[1])) - set(paths.programs):
+        out.add(started, f"kPrograms has {program}, which no command starts")
+
+
+def check_description(out: Differences, tree: Tree) -> None:
+    """The words of /etc/systeminfo."""
+    page, text = tree.page(), tree.read(IMAGE_ID)
+    body = next(("\n".join(item.body) for item in page.items(page.section("FILES"))
+                 if item.text() == "/etc/systeminfo"), "")
+    keys = set(re.findall(r'"([A-Z_]+)=", &info', text))
+    out.compare(f"{PAGE} (FILES)", "key", re.findall(r"^\.Sy ([A-Z_]+)", body, re.M), keys, IMAGE_ID)
+    out.compare(f"{PAGE} (FILES)", "value", re.findall(r"^\.Dq (\w+)", body, re.M),
+                re.findall(r'equals_ignoring_case\([\w.]+, "(\w+)"\)', text), IMAGE_ID)
+    shell = re.findall(r"\*(\w+)=\*\) take_value", tree.read(SHARED_COMPLETION))
+    out.compare(SHARED_COMPLETION, "key", shell, keys, IMAGE_ID)
 
 
 def check_entries(out: Differences, told: dict[str, Item], paths: Paths) -> None:
@@ -1286,7 +1321,7 @@ def check_device(out: Differences, tree: Tree) -> None:
 
 
 CHECKS = (check_command_line, check_statuses, check_messages, check_literals, check_device,
-          check_types, check_image_ids)
+          check_description, check_types, check_image_ids)
 
 
 def guarded(out: Differences, check, *arguments) -> None:
