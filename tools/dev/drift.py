@@ -86,15 +86,13 @@ SINGLE = {
 # Nothing that -get or -set does; the page has no FILES for them.
 NOT_PART_OF_A_RUN = {"platform/os_subtype.cpp", "platform/os_subtype.h",
                      "platform/network_settings.cpp"}
-# Programs that only an unusual /etc/systeminfo brings into a run; the page need not tell them.
-RARE_PROGRAMS = {"cat", "grep", "head", "cut"}
 # Paths of the code that are no business of an administrator.
 PLAIN_DEVICES = {"/dev/null"}
 
 # Which argument of a thrown object is its text, where that is not the first.
 THROWN_TEXT = {"NTiXmlException": 2}
 
-# Pairs that the parser takes without effect: a synopsis may leave them out.
+# Pairs that the parser takes without effect: a synopsis leaves them out.
 IDLE = {("get", "r")}
 
 # Statuses beside the tool's own: sources, enumeration, page.
@@ -1131,9 +1129,8 @@ def check_other_files(out: Differences, tree: Tree, paths: Paths) -> None:
             out.add(f"{FILE_PAGE}:{item.line}", f"the file {item.text()} of FILES is not in the code")
     page = tree.page()
     told = {word for item in page.items(page.section("ENVIRONMENT")) if item.text() == "PATH"
-            for word in re.findall(r"^\.Sy (\w+)$", "\n".join(item.body), re.M)}
-    out.compare(f"{PAGE} (ENVIRONMENT)", "program", told - RARE_PROGRAMS,
-                set(paths.programs) - RARE_PROGRAMS, "the code's commands")
+            for word in re.findall(r"^\.Sy (\w+)(?: ,)?$", "\n".join(item.body), re.M)}
+    out.compare(f"{PAGE} (ENVIRONMENT)", "program", told, set(paths.programs), "the code's commands")
     started = "platform/spawned_command.cpp"
     table = re.search(r"kPrograms = {(.*?)};", tree.read(started), re.S)
     if not table:
