@@ -110,8 +110,8 @@ int report_end(int status) {
     }
     const int signal = WTERMSIG(status);
     if (signal != SIGINT && signal != SIGPIPE) {
-        const char* core = WCOREDUMP(status) ? " (core dumped)" : "";
-        std::fprintf(stderr, "%s%s\n", ::strsignal(signal), core);
+        std::fprintf(stderr, WCOREDUMP(status) ? "%s (core dumped)\n" : "%s\n",
+                     ::strsignal(signal));
     }
     return W_EXITCODE(kEndedBySignal + signal, 0);
 }
