@@ -1266,6 +1266,10 @@ def check_types(out: Differences, tree: Tree) -> None:
     told = set(re.findall(r"^\.Sy (\w+)", text, re.M))
     others = {other for rows in code.values() for _, other in rows.values() if other}
     out.compare(place, "substitute", told, others, TYPE_MAP)
+    schema = "packaging/schema/corvik-connections.rnc"
+    for elements in re.findall(r"\bBNJ(?: \| \w+)+", re.sub(r"\s+", " ", tree.read(schema))):
+        out.compare(schema, "type", elements.split(" | "),
+                    sorted({display for rows in code.values() for display in rows}), TYPE_MAP)
     highest = re.search(r"kHighestImageType = (\d+);",
                         tree.read("packaging/completions/completion_types.cpp"))
     if not highest or int(highest[1]) != max(code):
