@@ -147,11 +147,12 @@ class Places:
         return self.scratch / "home"
 
     def environment(self) -> dict[str, str]:
-        author = {f"GIT_{who}_{what}": "admin@example.net" if what == "EMAIL" else "admin"
-                  for who in ("AUTHOR", "COMMITTER") for what in ("NAME", "EMAIL")}
+        # Git knows nobody, as on a new machine, also where it could guess from the host's name.
+        nobody = {"GIT_CONFIG_NOSYSTEM": "1", "GIT_CONFIG_COUNT": "1",
+                  "GIT_CONFIG_KEY_0": "user.useConfigOnly", "GIT_CONFIG_VALUE_0": "true"}
         system = "/usr/local/bin:/usr/bin:/bin:/usr/sbin:/sbin"
         return {"PATH": f"{self.scratch / 'path'}:{system}", "HOME": str(self.home),
-                "LC_ALL": "C.UTF-8", "TZ": "UTC", "GIT_CONFIG_NOSYSTEM": "1", **author}
+                "LC_ALL": "C.UTF-8", "TZ": "UTC", **nobody}
 
 
 def run(commands: list[Command], places: Places) -> list[list[str]]:
