@@ -13,7 +13,7 @@ function(install_compressed component source destination name)
     COMMAND ${GZIP} -9nc ${source} > ${result}
     DEPENDS ${source}
     VERBATIM)
-  set_property(GLOBAL APPEND PROPERTY compressed_documents ${result})
+  set_property(GLOBAL APPEND PROPERTY made_documents ${result})
   install(FILES ${result} DESTINATION ${destination} COMPONENT ${component})
 endfunction()
 
@@ -36,6 +36,23 @@ function(install_package_papers component package)
           COMPONENT ${component})
 endfunction()
 
+# install_documents(COMPONENT DESTINATION FILE.md...): without the links that lead out of the package
+function(install_documents component destination)
+  set(rewrite ${CMAKE_CURRENT_SOURCE_DIR}/installed_links.cmake)
+  foreach(source IN LISTS ARGN)
+    cmake_path(GET source FILENAME name)
+    set(result ${documents_folder}/${component}/${name})
+    file(MAKE_DIRECTORY ${documents_folder}/${component})
+    add_custom_command(
+      OUTPUT ${result}
+      COMMAND ${CMAKE_COMMAND} -D SOURCE=${source} -D RESULT=${result} -P ${rewrite}
+      DEPENDS ${source} ${rewrite}
+      VERBATIM)
+    set_property(GLOBAL APPEND PROPERTY made_documents ${result})
+    install(FILES ${result} DESTINATION ${destination} COMPONENT ${component})
+  endforeach()
+endfunction()
+
 # install_overrides(COMPONENT PACKAGE): what lintian is to leave out, and why
 function(install_overrides component package)
   install(FILES deb/${package}.lintian-overrides RENAME ${package}
@@ -44,6 +61,6 @@ endfunction()
 
 # Call it after the last of the above.
 function(add_document_target)
-  get_property(files GLOBAL PROPERTY compressed_documents)
+  get_property(files GLOBAL PROPERTY made_documents)
   add_custom_target(documents ALL DEPENDS ${files})
 endfunction()

@@ -18,6 +18,7 @@ from pathlib import Path
 
 import pytest
 
+TREE = Path(__file__).resolve().parents[2]
 EPOCH = 1_700_000_000
 SCHEMAS = [f"{name}.{form}" for name in ("corvik-connections", "registry-export")
            for form in ("rnc", "rng", "xsd")]
@@ -112,6 +113,22 @@ def unpacked(packages, tmp_path_factory) -> Path:
     for each in packages.values():
         subprocess.run(["dpkg-deb", "-x", each.path, folder], check=True)
     return folder
+
+
+def without_links(text: str) -> str:
+    return re.sub(r"\[([^]]*)\]\([^)]*\)", r"\1", text)
+
+
+@pytest.mark.parametrize("name, least_links", [
+    ("README.md", 3), ("docs/administrators.md", 2), ("docs/file-format.md", 0),
+    ("docs/registry.md", 1)])
+def test_links_of_installed_documents_lead_somewhere(unpacked, name, least_links):
+    document = unpacked / "usr/share/doc/corvik" / name
+    text = document.read_text()
+    links = re.findall(r"\]\(([^)#]+)[^)]*\)", text)
+    assert [link for link in links if not (document.parent / link).exists()] == []
+    assert len(links) >= least_links
+    assert without_links(text) == without_links((TREE / name).read_text())
 
 
 @pytest.fixture
