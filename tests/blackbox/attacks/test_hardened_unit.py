@@ -1,0 +1,110 @@
+"""The unit template for exports: what it takes from a run, and that its commands do the work.
+
+A running systemd is not needed: settings are read out of the template, and its commands run on a
+simulated device. What systemd itself makes of the settings is not tried here.
+"""
+
+import re
+import shlex
+from pathlib import Path
+
+import pytest
+
+from attack_support import PATH, client_script, permissions, publish
+
+ROOT = Path(__file__).resolve().parents[3]
+TEMPLATE = ROOT / "packaging/systemd/corvik-export@.service.in"
+
+# What SECURITY.md says that an administrator gets with it.
+PROMISED = {
+    "PrivateTmp": ["yes"], "ProtectSystem": ["strict"], "ProtectHome": ["yes"], "UMask": ["0077"],
+    "StateDirectoryMode": ["0700"], "ReadWritePaths": ["%S/corvik/%i"], "LimitCORE": ["0"],
+    "NoNewPrivileges": ["yes"], "CapabilityBoundingSet": [""], "MemoryMax": ["512M"],
+    "RestrictAddressFamilies": ["AF_UNIX"], "SystemCallArchitectures": ["native"],
+    "SystemCallFilter": ["@system-service", "~@privileged @resources"], "Type": ["oneshot"],
+    "TimeoutStartSec": ["10min"], "WorkingDirectory": ["%S/corvik/%i"],
+}
+FOLDERS_OF_ROOT = {"/usr/sbin", "/usr/bin", "/sbin", "/bin", "/usr/local/sbin", "/usr/local/bin"}
+
+
+def settings():
+    """Every setting of the template with its values, in order."""
+    found = {}
+    for line in TEMPLATE.read_text().splitlines():
+        name, sign, text = line.partition("=")
+        if sign and re.fullmatch(r"[A-Za-z]+", name):
+            found.setdefault(name, []).append(text)
+    return found
+
+
+def commands(connection_type):
+    """The commands in the order in which they run, as words; the tool by its name."""
+    found = settings()
+    lines = [*found["ExecStartPre"], *found["ExecStart"]]
+    return [shlex.split(line.replace("@CMAKE_INSTALL_FULL_BINDIR@/", "").replace(
+        "%i", connection_type)) for line in lines]
+
+
+def run_unit(device, connection_type="freerdp", **options):
+    """The commands with the unit's umask, up to the first that fails, then those for the end."""
+    (umask,), (at_the_end,) = settings()["UMask"], settings()["ExecStopPost"]
+    text = " && ".join(shlex.join(words) for words in commands(connection_type))
+    text = f"umask {umask}; ({text}); status=$?; {at_the_end}; exit $status"
+    return device.run("sh", "-c", text, **options)
+
+
+@pytest.fixture
+def office(device):
+    publish(device, "set", f"{PATH}/id-1/label", "Office")
+    return device
+
+
+@pytest.mark.parametrize("name", PROMISED)
+def test_what_is_promised_is_set(name):
+    assert settings()[name] == PROMISED[name]
+
+
+def test_every_search_path_is_of_folders_of_root():
+    (path,) = [text.removeprefix("PATH=") for text in settings()["Environment"]]
+    assert set(path.split(":")) <= FOLDERS_OF_ROOT
+
+
+def test_the_instance_is_never_unescaped():
+    assert [line for line in TEMPLATE.read_text().splitlines()
+            if not line.startswith("#") and re.search("%[^iS]", line)] == []
+
+
+def test_it_exports_for_root_alone(office):
+    result = run_unit(office)
+    assert result.status == 0, result
+    assert sorted(path.name for path in office.home.iterdir()) == ["connections.xml", "corvik.log"]
+    assert b'Name="Office"' in (office.home / "connections.xml").read_bytes()
+    assert {permissions(path) for path in office.home.iterdir()} == {0o600}
+    assert office.tmp_leftovers() == []
+
+
+@pytest.mark.parametrize("connection_type, options", [
+    ("missing", {}), ("null", {}), ("freerdp", {"image_type": "none"})],
+    ids=["type", "null", "identity"])
+def test_a_failure_keeps_the_last_file_and_leaves_nothing_new(office, connection_type, options):
+    (office.home / "connections.xml").write_text("before")
+    assert run_unit(office, connection_type, **options).status != 0
+    assert (office.home / "connections.xml").read_text() == "before"
+    assert not (office.home / "new.xml").exists()
+
+
+def test_a_run_without_a_log_is_a_failure(office):
+    below = office.home / "below"
+    (below / "corvik.log").mkdir(parents=True)
+    (below / "connections.xml").write_text("before")
+    words = commands("freerdp")[1:]  # without the removal, which would fail as well
+    result = office.run("sh", "-c", "cd below && " + " && ".join(map(shlex.join, words)))
+    assert result.status != 0
+    assert (below / "connections.xml").read_text() == "before"
+
+
+def test_an_export_that_dies_in_the_middle_is_a_failure(office):
+    client = client_script(office, '[ "$1" != export ] || kill -KILL $$\nexec REGSH "$@"\n')
+    (office.home / "connections.xml").write_text("before")
+    assert run_unit(office, client=client).status != 0
+    assert (office.home / "connections.xml").read_text() == "before"
