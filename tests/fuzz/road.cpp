@@ -1,6 +1,7 @@
 #include "tests/fuzz/road.h"
 
 #include "common/result_codes.h"
+#include "common/string_tokens.h"
 #include "connections/conn.h"
 #include "platform/image_id.h"
 #include "tests/fuzz/fuzz_input.h"
@@ -12,7 +13,7 @@
 #include <string_view>
 
 RoadInput::RoadInput(const std::uint8_t* data, std::size_t size) {
-    std::vector<std::string> texts = cut_input(data, size, 8);
+    std::vector<std::string> texts = cut_input(data, size, 9);
     for (const char c : texts[0].substr(0, 20)) {
         if (std::isalpha(static_cast<unsigned char>(c)) != 0) {
             type += c;
@@ -24,6 +25,10 @@ RoadInput::RoadInput(const std::uint8_t* data, std::size_t size) {
                                  &registry,    &file};
     for (std::size_t i = 0; i < std::size(rest); ++i) {
         *rest[i] = std::move(texts[i + 1]);
+    }
+    if (!texts[8].empty()) {
+        const std::string general = escape_xml_text(texts[8].c_str(), false);
+        file = "<T>" + file + "<General>" + general + "</General></T>";
     }
 }
 

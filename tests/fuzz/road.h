@@ -7,7 +7,9 @@
 #include <cstdint>
 #include <string>
 
-// What both roads of the connections are tried with: the texts of an input, in this order.
+// What both roads of the connections are tried with: the texts of an input, in this order. Behind
+// them may stand an export: the file then is made of it and of the connections that its own text
+// gives.
 struct RoadInput {
     std::string type;  // letters only: it is the operator's own word and not guarded
     bool remove;       // the line of the type has more than letters
