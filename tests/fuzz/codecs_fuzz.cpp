@@ -1,5 +1,4 @@
-// What a codec writes is read back as it was: hexadecimal digits, percent forms, entities and words
-// of a command line.
+// What a codec writes is read back: hexadecimal digits, percent forms, entities, shell words.
 #include "common/string_tokens.h"
 #include "common/tinyxml.h"
 #include "platform/command_runner.h"
@@ -22,10 +21,11 @@ void check_hex(const std::string& bytes) {
 }
 
 void check_text(const std::string& text) {
-    std::string read = "<";
+    std::string read;
     const std::string escaped = escape_xml_text(text.c_str(), true) + "<";
     expect(ReadText(escaped.c_str(), read, "<") != nullptr, "an escaped text is refused");
-    expect(text.find_first_of("% ") != text.npos || percent_decode(read) == text, "another text");
+    expect(text.find_first_of("% ") != std::string::npos || percent_decode(read) == text,
+           "another text");
     const auto commands = shell_commands("regsh " + shell_word(text));
     expect(text.empty() || commands == std::vector<Words>{{"regsh", text}}, "another word");
 }

@@ -15,10 +15,10 @@ void check_tokens(const std::string& text, const std::string& delimiters, int mo
         expect(!token.empty() && text.compare(at, token.size(), token) == 0, "another token");
         at += token.size();
         const bool is_rest = most_splits > 0 && i == most_splits;
-        expect(is_rest ? at == text.size() : token.find_first_of(delimiters) == token.npos,
+        expect(is_rest ? at == text.size() : token.find_first_of(delimiters) == std::string::npos,
                "a token that is cut at another place");
     }
-    expect(text.find_first_not_of(delimiters, at) == text.npos, "a token is missing");
+    expect(text.find_first_not_of(delimiters, at) == std::string::npos, "a token is missing");
 }
 
 }  // namespace
