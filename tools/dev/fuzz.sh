@@ -22,7 +22,7 @@ fuzz() { # NAME
     mkdir -p -- "$folder/$1/corpus" "$folder/$1/found"
     cd -- "$folder/$1"
     # The messages of the tool itself would be most of the log.
-    timeout --kill-after=10 $((seconds + 60)) "$program" -max_total_time="$seconds" \
+    timeout --foreground --kill-after=10 $((seconds + 60)) "$program" -max_total_time="$seconds" \
         -artifact_prefix=found/ -dict="$dictionary" -max_len=4096 -timeout=20 -rss_limit_mb=1024 \
         -print_final_stats=1 -close_fd_mask=2 corpus "$seeds" >log 2>&1 </dev/null || status=$?
     echo "$status" >status
@@ -61,7 +61,16 @@ for source in "$targets"/*_fuzz.cpp; do
     names+=("$name")
 done
 
-trap 'kill -- $(jobs -p) 2>/dev/null || true' EXIT
+# Each target with all that it starts is a process group, to be ended with this script.
+end_all() {
+    local job
+    for job in $(jobs -p); do
+        kill -- "-$job" 2>/dev/null || true
+    done
+}
+set -m
+trap end_all EXIT
+trap 'exit 1' INT TERM
 for name in "${names[@]}"; do
     if [[ $(jobs -rp | wc -l) -ge $side_by_side ]]; then
         wait -n || true
