@@ -62,14 +62,9 @@ for source in "$targets"/*_fuzz.cpp; do
 done
 
 # Each target with all that it starts is a process group, to be ended with this script.
-end_all() {
-    local job
-    for job in $(jobs -p); do
-        kill -- "-$job" 2>/dev/null || true
-    done
-}
+job=
 set -m
-trap end_all EXIT
+trap 'for job in $(jobs -p); do kill -- "-$job" 2>/dev/null || true; done' EXIT
 trap 'exit 1' INT TERM
 for name in "${names[@]}"; do
     if [[ $(jobs -rp | wc -l) -ge $side_by_side ]]; then
