@@ -10,6 +10,7 @@
 #include "platform/system_identity.h"
 
 #include <strings.h>
+#include <sys/stat.h>
 
 #include <array>
 #include <cctype>
@@ -104,8 +105,17 @@ void tell_missing_params(std::size_t count) {
     }
 }
 
+// The log is still open, and its last line would land in the midst of what is written there.
+bool is_run_log(const std::string& file) {
+    struct stat log {};
+    struct stat other {};
+    return run_options.log && ::fstat(::fileno(run_options.log.get()), &log) == 0 &&
+           S_ISREG(log.st_mode) && ::stat(file.c_str(), &other) == 0 &&
+           log.st_dev == other.st_dev && log.st_ino == other.st_ino;
+}
+
 bool write_text(const std::string& file, std::string_view text) {
-    return text.size() <= INT_MAX &&
+    return text.size() <= INT_MAX && !is_run_log(file) &&
            writefile(file.c_str(), text.data(), static_cast<int>(text.size()));
 }
 
@@ -473,7 +483,7 @@ std::string fold_case(std::string name) {
 // The value of a command line's word with the line end that is attached to it left outside the
 // quotes, where it ends the command.
 std::string listed_word(const std::string& value) {
-    const bool has_line_end = !value.empty() && value.back() == '\n';
+    const bool has_line_end = value.ends_with('\n');
     return has_line_end ? shell_word(value.substr(0, value.size() - 1)) + '\n' : shell_word(value);
 }
 
@@ -783,7 +793,7 @@ int import_conns(const std::string& type, const std::string& exportText,
     keep_enabled(type, *conns, enabled);
     merge_existing_conns(type, conns);
     const unsigned image_type = current_image_type();
-    if (image_type >= 8 && image_type <= 10 && !set_product_config(*parsed.root)) {
+    if (has_product_config(image_type) && !set_product_config(*parsed.root)) {
         return kSuccess;
     }
     if (!write_printed(kImportFile, *parsed.document)) {

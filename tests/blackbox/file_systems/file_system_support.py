@@ -1,0 +1,171 @@
+"""What the tests of odd file systems share: a device with sessions, odd things, small disks.
+
+The device has two sessions of the terminal emulator in its registry, of which the connections file
+of an import knows the first. So an export opens every file that an export can open, and an import
+every file that an import can open. What a run ought to leave is told by an undisturbed one.
+"""
+
+import os
+import stat
+from dataclasses import dataclass
+
+from import_run import conn, connections_file, entry, export, folder, key
+
+WALK_OVER = "Could not find <NodeDir> - UUID. \n"
+NO_LOG = "Failed to open corvik logger file.\n"
+NO_IDENTITY = "corvik: Invalid Image ID (neither /etc/systeminfo nor /etc/imageid gives one)\n"
+UNPARSED = "Parse xml failed.\n"
+NOT_IMPORTED = "Could not write /tmp/import.xml, errno=.\n"
+BEFORE = b"what was there before\n"
+IMAGE_ID = b"TXX41012"
+
+TYPE = "root/ConnectionType/tavrin"
+SESSION = "<Session><Host port='23'/></Session>"
+WORKSPACE = "<Workspace>full screen</Workspace>"
+NEW_SESSION = "<Session><Host port='992'/></Session>"
+NEW_WORKSPACE = "<Workspace>window</Workspace>"
+LOG = {mode: f"tavrin {file} [******] [******] 0\r\n".encode()
+       for mode, file in (("get", "out.xml"), ("set", "in.xml"))}
+
+FOLDER_KINDS = ("folder", "link-to-a-folder")
+NO_FILE = ("socket", "link-to-itself", "link-to-a-missing-folder")
+"""What can be opened neither for reading nor for writing, and is no folder."""
+
+
+def unread(name):
+    return f"read file /etc/tavrin/connections/{name} fail\n"
+
+
+def unwritten(name):
+    return f"Write file /etc/tavrin/connections/{name} fail.\n"
+
+
+def lay(oddity, path):
+    """Puts something odd in the place of a file."""
+    path.unlink(missing_ok=True)
+    if oddity == "folder":
+        path.mkdir()
+    elif oddity == "socket":
+        os.mknod(path, stat.S_IFSOCK | 0o600)
+    elif oddity == "empty-file":
+        path.write_bytes(b"")
+    else:
+        path.symlink_to({"link-to-a-folder": "/etc", "link-to-itself": path.name,
+                         "link-to-a-missing-folder": "missing/file",
+                         "dangling-link": "nothing"}[oddity])
+
+
+def content(path):
+    """The bytes of a file, also behind links; None where there is no file."""
+    return path.read_bytes() if path.is_file() else None
+
+
+def registry(*connections):
+    """A registry sample with these connections of the terminal emulator."""
+    return folder("root", folder("ConnectionType", folder(
+        "tavrin", key("packageName", "tavrin"), folder("connections", *connections)))).printed()
+
+
+def session(identifier, label, file, *keys):
+    return conn(identifier, label, key("kssName", file + ".kss"), *keys)
+
+
+FIRST = session("id-1", "Office", "a", key("server", "old"))
+SECOND = session("id-2", "Night", "b", key("server", "night"))
+
+
+def placed(*connections):
+    """An export that tells the client where it belongs."""
+    document = export(*connections)
+    place = document.children[0].children[0]
+    place.attributes = {"name": "tavrin", "path": TYPE}
+    place.children = [folder("connections", *connections)]
+    return document
+
+
+def import_file(text=NEW_SESSION, *keys):
+    """A connections file of the first session, with another server and other session files."""
+    return connections_file(
+        placed(session("id-1", "Office", "a", key("server", "new"), *keys)),
+        entry("Office", KSSFile="a", children=[("KSS", text), ("WS", NEW_WORKSPACE)]), root="Tavrin")
+
+
+@dataclass
+class Run:
+    """How a run ended, and what it left behind."""
+
+    status: int
+    stderr: str
+    log: bytes | None
+    target: bytes | None
+    document: bytes | None  # /tmp/import.xml
+    tree: str  # of the registry
+    sessions: dict
+
+
+class Terminal:
+    """A device with terminal sessions; runs start in its folder `work`."""
+
+    def __init__(self, device, *connections):
+        self.device = device
+        self.work = device.home / "work"
+        self.work.mkdir()
+        device.load_registry(registry(*(connections or (FIRST, SECOND))))
+        for name, text in (("a.kss", SESSION), ("a.ws", WORKSPACE), ("b.kss", SESSION),
+                           ("b.ws", WORKSPACE)):
+            (device.sessions / name).write_text(text)
+        (self.work / "out.xml").write_bytes(BEFORE)
+        (self.work / "in.xml").write_text(import_file())
+
+    def place(self, name):
+        """The place of a file, which a row names by its folder."""
+        top, _, rest = name.partition("/")
+        return {"work": self.work, "tmp": self.device.tmp, "etc": self.device.etc,
+                "sessions": self.device.sessions}[top] / rest
+
+    def named_by_imageid(self):
+        """Lets /etc/imageid name the build."""
+        (self.device.etc / "systeminfo").unlink()
+        (self.device.etc / "imageid").write_bytes(IMAGE_ID)
+
+    def shell(self, script, **options):
+        return self.device.run("sh", "-c", f"cd work || exit 99\n{script}", image_type=None,
+                               **options)
+
+    def corvik(self, mode, before="", **options):
+        """An export into out.xml, or an import of in.xml; shell commands may go before."""
+        file = {"get": "out.xml", "set": "in.xml"}[mode]
+        result = self.shell(f"{before}\nexec corvik -{mode} tavrin -f {file}", **options)
+        return self.left(result)
+
+    def left(self, result):
+        tree = self.device.regsh("tree", TYPE, image_type=None)
+        assert tree.status == 0, tree.stderr
+        sessions = {path.name: content(path) for path in self.device.sessions.iterdir()
+                    if path.name in ("a.kss", "a.ws", "b.kss", "b.ws")}
+        return Run(result.status, result.stderr, content(self.work / "corvik.log"),
+                   content(self.work / "out.xml"), content(self.device.tmp / "import.xml"),
+                   tree.stdout, sessions)
+
+
+def is_a_part(part, whole):
+    """Whether this is a beginning of the whole, or nothing, and not all of it."""
+    return part is None or (len(part) < len(whole) and whole.startswith(part))
+
+
+# A client that writes as it likes
+
+FREE = "ulimit -S -f unlimited"
+
+
+def client_script(device, text):
+    """A program that takes the client's place on the device; REGSH in its text is the real one."""
+    script = device.folder / "odd-client"
+    script.write_text("#!/bin/sh\n" + text.replace("REGSH", str(device.programs / "regsh")))
+    script.chmod(0o755)
+    return script
+
+
+def unlimited_client(device):
+    """The kit's client without the limit on the size of files that the tool runs under."""
+    return client_script(device, f'{FREE}\nexec REGSH "$@"\n')
