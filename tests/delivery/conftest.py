@@ -1,7 +1,9 @@
 """Fixtures of the tests of what is delivered beside the programs: papers, completions, packages.
 
 CORVIK_BIN_DIR names the folder of the built programs, CORVIK_DEVICE_WAY, when set, the only way in
-which devices are made. No test here needs root or a network.
+which devices are made. CORVIK_DOCUMENTS names a folder of documents that the black-box tests had written
+(tests/support/keep_documents.py); without it a part of those tests is run here for the purpose. No test
+here needs root or a network.
 """
 
 import os
@@ -9,6 +11,8 @@ import re
 from pathlib import Path
 
 import pytest
+
+import kept_documents
 
 SOURCE = Path(__file__).resolve().parent.parent.parent
 
@@ -35,3 +39,12 @@ def project_version() -> str:
     found = re.search(r"^project\(corvik VERSION ([0-9.]+)\s", text, re.MULTILINE)
     assert found, "CMakeLists.txt names no version"
     return found[1]
+
+
+@pytest.fixture(scope="session")
+def kept(tmp_path_factory) -> dict[str, list[kept_documents.Document]]:
+    """The kept documents by role, each content once."""
+    folder = os.environ.get("CORVIK_DOCUMENTS")
+    if not folder:
+        folder = kept_documents.write_a_part(tmp_path_factory.mktemp("kept"))
+    return kept_documents.read(Path(folder).resolve())

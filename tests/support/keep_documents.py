@@ -18,6 +18,9 @@ FOLDER = os.environ.get("CORVIK_KEEP_DOCUMENTS")
 CONNECTIONS = "connections"  # written by corvik -get
 EXPORT = "export"  # written by regsh export
 IMPORT = "import"  # written by corvik -set for regsh import
+SESSION = "session"  # written by corvik -set for the terminal emulator
+
+SESSIONS = Path("etc/tavrin/connections")
 
 
 @dataclass
@@ -27,6 +30,7 @@ class Call:
     words: list
     home: Path
     tmp: Path | None = None
+    sessions: Path | None = None
     scripted_client: bool = False
 
     @property
@@ -50,6 +54,7 @@ class Call:
     def files(self):
         folders = [self.home, self.tmp] if self.tmp else []
         listed = [path for folder in folders if folder.is_dir() for path in folder.iterdir()]
+        listed += self.sessions.rglob("*") if self.sessions and self.sessions.is_dir() else []
         return {path: state for path in [*listed, *self.named_files()]
                 if path.name != "corvik.log" and (state := state_of(path))}
 
@@ -77,16 +82,20 @@ def call_of(arguments, folder):
         return None
     end = words.index("--")
     device = Path(words[words.index("--keep") + 1])
-    return Call(words[end + 1:], device / "home", device / "tmp", "--client" in words[:end])
+    return Call(words[end + 1:], device / "home", device / "tmp", device / SESSIONS,
+                "--client" in words[:end])
 
 
 def role_of(call, path, status):
     """Whose document the file is; None where it is nobody's or may be cut off."""
     below_tmp = call.tmp is not None and path.parent == call.tmp
+    if call.program == "corvik" and below_tmp and path.name == "import.xml":
+        return IMPORT if status == 0 else None
     if call.program == "corvik" and below_tmp:
-        # What the client had exported when the run failed, and what it was given.
-        role = IMPORT if path.name == "import.xml" else EXPORT
-        return None if call.scripted_client or status != 0 and role == IMPORT else role
+        # What the client had exported when the run failed.
+        return None if call.scripted_client else EXPORT
+    if call.sessions in path.parents:
+        return SESSION if (call.program, call.verb, status) == ("corvik", "-set", 0) else None
     if call.program == "corvik":
         return CONNECTIONS if call.verb == "-get" and status == 0 else None
     if call.program == "regsh":
@@ -122,7 +131,7 @@ def keep(call, before, status):
             continue
         line = {"role": role, "file": put(path.read_bytes()), "words": call.words[:3],
                 "scripted": call.scripted_client, "test": os.environ.get("PYTEST_CURRENT_TEST", ""),
-                "given": given_file(call) if role == IMPORT else None}
+                "given": given_file(call) if role in (IMPORT, SESSION) else None}
         with open(Path(FOLDER) / "index", "ab") as index:
             index.write(json.dumps(line).encode() + b"\n")
 
