@@ -70,9 +70,12 @@ unsigned current_image_type() {
     return static_cast<unsigned>(create_os_subtype()->image_type());
 }
 
+bool has_product_config(unsigned image_type) {
+    return image_type >= 8 && image_type <= 10;
+}
+
 bool is_zero_product() {
-    const unsigned type = current_image_type();
-    if (type < 8 || type > 10) {
+    if (!has_product_config(current_image_type())) {
         return false;
     }
     std::string configuration;

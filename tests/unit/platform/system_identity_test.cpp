@@ -78,6 +78,7 @@ constexpr const char* kSystemInfos[] = {
     "PRODUCT_CONFIG=\"carriage\"\r\n",
     "PRODUCT_CONFIG=\"\v\"\n",
     "PRODUCT_CONFIG=\"\xC3\xA9\"\n",
+    "PRODUCT_CONFIG=\"\x7F\"\n",
 };
 
 TEST_F(SystemIdentity, ProductConfigIsWhatThePipelineSays) {
@@ -110,15 +111,32 @@ TEST_F(SystemIdentity, ProductConfigWithoutFile) {
     EXPECT_NE(messages.find("/etc/systeminfo"), std::string::npos) << messages;
 }
 
+TEST_F(SystemIdentity, ProductConfigWithAFolderInTheFilesPlace) {
+    std::filesystem::create_directory(kSystemInfo);
+    const std::string messages = captured_stderr([] { EXPECT_EQ(ProductConfig(), ""); });
+    EXPECT_NE(messages.find("/etc/systeminfo"), std::string::npos) << messages;
+}
+
 TEST_F(SystemIdentity, ProductConfigLeavesTheTextWhenNotStarted) {
-    std::string configuration = "untouched";
-    bool started = true;
-    {
-        const NoMoreDescriptors limit;
-        started = read_product_config(configuration);
+    for (const bool has_file : {false, true}) {
+        if (has_file) {
+            SetProduct("Sylvex", "zero", "6.1");
+        }
+        std::string configuration = "untouched";
+        bool started = true;
+        {
+            const NoMoreDescriptors limit;
+            started = read_product_config(configuration);
+        }
+        EXPECT_FALSE(started) << has_file;
+        EXPECT_EQ(configuration, "untouched") << has_file;
     }
-    EXPECT_FALSE(started);
-    EXPECT_EQ(configuration, "untouched");
+}
+
+TEST_F(SystemIdentity, ProductConfigBelongsToTypes8To10) {
+    for (unsigned type = 0; type <= 12; ++type) {
+        EXPECT_EQ(has_product_config(type), type == 8 || type == 9 || type == 10) << type;
+    }
 }
 
 TEST_F(SystemIdentity, ZeroProducts) {
