@@ -172,8 +172,9 @@ private:
                 ++p;
             }
             return p;
+        } else {
+            return skip_white(p);
         }
-        return skip_white(p);
     }
 
     template <class End>

@@ -5,7 +5,8 @@
 
 #include <strings.h>
 
-#include <cstring>
+#include <algorithm>
+#include <iterator>
 
 namespace {
 
@@ -15,32 +16,24 @@ constexpr HandlerEntry kHandlers[kHandlerCount] = {
     {"*", get_conn, set_conn},
 };
 
-// The first row that takes the type, or null.
-const HandlerEntry* find_handler(const std::string& type) {
-    for (const HandlerEntry& entry : kHandlers) {
-        if (std::strcmp(entry.name, "*") == 0 || strcasecmp(entry.name, type.c_str()) == 0) {
-            return &entry;
-        }
-    }
-    return nullptr;
+// The first row that takes the type. The last one takes every type.
+const HandlerEntry& find_handler(const std::string& type) {
+    const HandlerEntry* last = std::prev(std::end(kHandlers));
+    return *std::find_if(std::begin(kHandlers), last, [&](const HandlerEntry& entry) {
+        return strcasecmp(entry.name, type.c_str()) == 0;
+    });
 }
 
 }  // namespace
 
 int dispatch_get(const std::string& type, const std::string& file, const std::string& user,
                  const std::string& password) {
-    const HandlerEntry* entry = find_handler(type);
-    if (entry == nullptr || entry->get == nullptr) {
-        return kNoHandler;
-    }
-    return entry->get(type, file, user, password);
+    const GetHandler handler = find_handler(type).get;
+    return handler == nullptr ? kNoHandler : handler(type, file, user, password);
 }
 
 int dispatch_set(const std::string& type, const std::string& file, const std::string& user,
                  const std::string& password, bool remove) {
-    const HandlerEntry* entry = find_handler(type);
-    if (entry == nullptr || entry->set == nullptr) {
-        return kNoHandler;
-    }
-    return entry->set(type, file, user, password, remove);
+    const SetHandler handler = find_handler(type).set;
+    return handler == nullptr ? kNoHandler : handler(type, file, user, password, remove);
 }

@@ -16,7 +16,7 @@ struct HandlerEntry {
 };
 
 // Runs the handler of the first row that takes `type` (names compare without case). kNoHandler when
-// no row does or the row has no handler for the mode.
+// the row has no handler for the mode.
 int dispatch_get(const std::string& type, const std::string& file, const std::string& user,
                  const std::string& password);
 int dispatch_set(const std::string& type, const std::string& file, const std::string& user,

@@ -183,13 +183,14 @@ int shell_exec_raw(const char* command) {
         return 1;
     }
     const pid_t process = ::fork();
-    if (process == -1) {
-        return -1;
+    switch (process) {
+        case -1:
+            return -1;
+        case 0:
+            become_shell(command);
+        default:
+            return shell_wait(process);
     }
-    if (process == 0) {
-        become_shell(command);
-    }
-    return shell_wait(process);
 }
 
 int shell_popen(std::FILE*& stream, pid_t& process, const char* format, ...) {
@@ -203,17 +204,18 @@ int shell_popen(std::FILE*& stream, pid_t& process, const char* format, ...) {
     }
     const auto [read_end, write_end] = ends;
     process = ::fork();
-    if (process == -1) {
-        ::close(read_end);
-        ::close(write_end);
-        return -1;
+    switch (process) {
+        case -1:
+            ::close(read_end);
+            ::close(write_end);
+            return -1;
+        case 0:
+            ::close(read_end);
+            redirect_output(write_end);
+            become_shell(command.data());
+        default:
+            ::close(write_end);
     }
-    if (process == 0) {
-        ::close(read_end);
-        redirect_output(write_end);
-        become_shell(command.data());
-    }
-    ::close(write_end);
     stream = ::fdopen(read_end, "r");
     if (stream == nullptr) {
         ::close(read_end);

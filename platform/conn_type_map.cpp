@@ -4,7 +4,8 @@
 #include "platform/image_id.h"
 #include "platform/system_identity.h"
 
-#include <algorithm>
+#include <span>
+#include <tuple>
 
 namespace {
 
@@ -16,12 +17,10 @@ struct PairRow {
     const char* otherwise = nullptr;
 };
 
-// One slot and where its pairs stand.
 struct SlotRow {
     std::uint32_t lowest_type;
     std::uint32_t highest_type;
-    const PairRow* begin;
-    const PairRow* end;
+    std::span<const PairRow> pairs;
 };
 
 constexpr std::array kPairsOf1 = {
@@ -89,17 +88,13 @@ constexpr std::array kPairsOf8To10 = {
     PairRow{"Telnet", "telnet"}, PairRow{"VDM", "view"}, PairRow{"Xdmcp", "xdmcp"},
 };
 
-template <std::size_t Count>
-constexpr SlotRow slot_row(std::uint32_t lowest, std::uint32_t highest,
-                           const std::array<PairRow, Count>& rows) {
-    return {lowest, highest, rows.data(), rows.data() + Count};
-}
-
 constexpr std::array kSlots = {
-    slot_row(1, 1, kPairsOf1),      slot_row(3, 4, kPairsOf3To4), slot_row(5, 5, kPairsOf5),
-    slot_row(6, 6, kPairsOf6),      slot_row(7, 7, kPairsOf7),    slot_row(8, 8, kPairsOf8To10),
-    slot_row(9, 10, kPairsOf8To10),
+    SlotRow{1, 1, kPairsOf1},      SlotRow{3, 4, kPairsOf3To4}, SlotRow{5, 5, kPairsOf5},
+    SlotRow{6, 6, kPairsOf6},      SlotRow{7, 7, kPairsOf7},    SlotRow{8, 8, kPairsOf8To10},
+    SlotRow{9, 10, kPairsOf8To10},
 };
+// The search ends at a slot without pairs.
+static_assert(kSlots.size() < std::tuple_size_v<ConnTypeMap>);
 
 bool is_registered(const char* registry_name) {
     return command_status("regsh contains root/ConnectionType/" + std::string(registry_name)) == 0;
@@ -152,9 +147,9 @@ void build_conn_type_map(ConnTypeMap& map) {
         ConnTypeMapSlot& slot = map[index];
         slot.lowest_type = row.lowest_type;
         slot.highest_type = row.highest_type;
-        std::for_each(row.begin, row.end, [&slot](const PairRow& pair) {
+        for (const PairRow& pair : row.pairs) {
             slot.pairs.emplace_back(registry_name_of(pair), pair.display);
-        });
+        }
     }
     // Asked only so that a device without an identity is refused.
     static_cast<void>(ImageID::current());
@@ -162,12 +157,9 @@ void build_conn_type_map(ConnTypeMap& map) {
 
 const std::list<std::pair<std::string, std::string>>& conn_type_pairs(std::uint32_t image_type) {
     static const std::list<std::pair<std::string, std::string>> none;
-    for (const ConnTypeMapSlot& slot : built_map()) {
-        if (slot.pairs.empty()) {
-            break;
-        }
-        if (image_type >= slot.lowest_type && image_type <= slot.highest_type) {
-            return slot.pairs;
+    for (const auto* slot = built_map().data(); !slot->pairs.empty(); ++slot) {
+        if (image_type >= slot->lowest_type && image_type <= slot->highest_type) {
+            return slot->pairs;
         }
     }
     return none;
