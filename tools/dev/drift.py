@@ -1228,7 +1228,7 @@ def code_types(tree: Tree) -> dict[int, dict[str, tuple[str, str]]]:
         arrays[name] = {display: (registry, other) for display, registry, other in rows}
         if len(rows) != body.count("PairRow{"):
             raise Unreadable(f"{TYPE_MAP}: {name} has a row of another form")
-    slots = re.findall(r"slot_row\((\d+), (\d+), (\w+)\)", text)
+    slots = re.findall(r"SlotRow\{(\d+), (\d+), (\w+)\}", text)
     if not slots:
         raise Unreadable(f"{TYPE_MAP}: the slots are not found")
     return {image: arrays[name] for low, high, name in slots
