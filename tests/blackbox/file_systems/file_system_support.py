@@ -87,7 +87,8 @@ def import_file(text=NEW_SESSION, *keys):
     """A connections file of the first session, with another server and other session files."""
     return connections_file(
         placed(session("id-1", "Office", "a", key("server", "new"), *keys)),
-        entry("Office", KSSFile="a", children=[("KSS", text), ("WS", NEW_WORKSPACE)]), root="Tavrin")
+        entry("Office", KSSFile="a", children=[("KSS", text), ("WS", NEW_WORKSPACE)]),
+        root="Tavrin")
 
 
 @dataclass
@@ -153,11 +154,6 @@ def is_a_part(part, whole):
     return part is None or (len(part) < len(whole) and whole.startswith(part))
 
 
-# A client that writes as it likes
-
-FREE = "ulimit -S -f unlimited"
-
-
 def client_script(device, text):
     """A program that takes the client's place on the device; REGSH in its text is the real one."""
     script = device.folder / "odd-client"
@@ -166,6 +162,53 @@ def client_script(device, text):
     return script
 
 
-def unlimited_client(device):
-    """The kit's client without the limit on the size of files that the tool runs under."""
-    return client_script(device, f'{FREE}\nexec REGSH "$@"\n')
+def limited_client(device):
+    """The kit's client, for which only the limit CLIENT_LIMIT counts, and only at an export."""
+    return client_script(device, """
+ulimit -S -f unlimited
+if [ "$1" = export ] && [ "$CLIENT_LIMIT" ]; then
+    trap '' XFSZ
+    ulimit -S -f "$CLIENT_LIMIT"
+fi
+exec REGSH "$@"
+""")
+
+
+# Small disks
+
+PROBE = """mkdir -p probed && mount -t tmpfs -o size=4k tmpfs probed && umount probed &&
+mount -t tmpfs -o size=64k tmpfs /tmp && corvik -v && command -v regsh && cd "$HOME" """
+
+
+class Disk:
+    """Folders with little room or none, as this machine can make them for a device.
+
+    Where file systems can be mounted on the device, they are; elsewhere a limit on the size of
+    files has the tool and its client meet the same, and a link to nowhere is what a folder without
+    room for a file is. All answers are shell commands.
+    """
+
+    def __init__(self, device):
+        self.mounts = device.run("sh", "-c", PROBE, image_type=None).status == 0
+
+    def small(self, folder, kib, command, writers=("tool", "client")):
+        """Runs a command while the folder has room for so much; these write there."""
+        if self.mounts:
+            return f"mount -t tmpfs -o size={kib}k tmpfs {folder}\n({command})"
+        limits = {"tool": f"trap '' XFSZ; ulimit -S -f {2 * kib}; ",
+                  "client": f"export CLIENT_LIMIT={2 * kib}; "}
+        return f"({''.join(limits[each] for each in writers)}{command})"
+
+    def gone(self, folder, *files):
+        """Takes a small disk away again, with the files that were made."""
+        return f"umount {folder}" if self.mounts else f"rm -f {' '.join(files)}"
+
+    def full(self, folder, kind, command):
+        """Runs a command while no file can be made in the folder."""
+        if self.mounts:
+            option = {"read-only": "ro", "without-inodes": "size=64k,nr_inodes=1"}[kind]
+            return f"mount -t tmpfs -o {option} tmpfs {folder}\n({command})"
+        if folder == "/tmp":
+            return f"mkdir -p /tmp/tavrin.xml/kept /tmp/import.xml/kept\n({command})"
+        return (f"mv {folder} {folder}.kept\nln -s missing {folder}\n({command})\nstatus=$?\n"
+                f"rm {folder}\nmv {folder}.kept {folder}\n(exit $status)")
