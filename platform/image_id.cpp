@@ -187,6 +187,11 @@ ImageID ImageID::from_systeminfo() noexcept {
     while (std::fgets(line.data(), static_cast<int>(line.size()), file.get()) != nullptr) {
         take_line(line.data(), keys);
     }
+    // A file that cannot be read to its end settles nothing: without its last lines it would name
+    // another build.
+    if (std::ferror(file.get()) != 0) {
+        return id;
+    }
     id.arch_ = 2;
     id.classify_product(info);
     return id;
