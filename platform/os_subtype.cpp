@@ -17,9 +17,12 @@ bool is_usable_file(const char* path) {
     return ::stat(path, &status) == 0 && status.st_size > 0 && S_ISREG(status.st_mode);
 }
 
-bool tell_missing_lock() {
-    std::fputs("Failed to detect fslock/fsunlock.\n", stderr);
-    return false;
+void run_lock_tool(const OSSubType& variant, const char* tool) {
+    if (variant.has_fslock()) {
+        shell_exec("%s", tool);
+    } else {
+        std::fputs("Failed to detect fslock/fsunlock.\n", stderr);
+    }
 }
 
 template <class Variant>
@@ -53,15 +56,11 @@ bool OSSubType::has_fslock() const {
 }
 
 void OSSubType::fs_lock() {
-    if (has_fslock() || tell_missing_lock()) {
-        shell_exec("/sbin/fslock");
-    }
+    run_lock_tool(*this, "/sbin/fslock");
 }
 
 void OSSubType::fs_unlock() {
-    if (has_fslock() || tell_missing_lock()) {
-        shell_exec("/sbin/fsunlock");
-    }
+    run_lock_tool(*this, "/sbin/fsunlock");
 }
 
 int OSSSylvex2::probe_network() {
