@@ -228,6 +228,12 @@ def test_streams_that_take_nothing_change_neither_log_nor_result(device, client,
         assert (device.home / "out.xml").read_bytes() == b"<RDP/>\n"
 
 
+def test_a_run_that_can_open_nothing_is_abandoned(device, client):
+    # What takes the closed stream's place is the last that can be opened.
+    result = device.run("sh", "-c", "exec <&-; ulimit -n 3; exec corvik -v")
+    assert ended(result) == (0, b"", b"Failed to open corvik logger file.\n", None)
+
+
 @pytest.mark.parametrize("streams", STREAMS.values(), ids=STREAMS.keys())
 def test_misuse_with_streams_that_take_nothing(device, client, streams):
     result = device.run("sh", "-c", f"corvik -x {streams}")

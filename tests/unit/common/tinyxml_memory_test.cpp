@@ -593,6 +593,17 @@ TEST(TinyXmlAdopted, StayWhenASiblingWithOnesOfItsOwnGoes) {
     EXPECT_EQ(ToString(document), "<r>\n  <b>\n    <x>\n      <stays/>\n    </x>\n  </b>\n</r>\n");
 }
 
+TEST(TinyXmlAdopted, GoWithWhatElseStandsBesideThem) {
+    int gone = 0;
+    NTiXmlDoc document("<r><a><!--c--><x/></a></r>", false);
+    document.Parse(nullptr);
+    NTiXmlElement& root = *document.RootElement();
+    append_counted(only_child(only_child(root)), gone);
+    EXPECT_TRUE(root.RemoveChildElement(&only_child(root)));
+    EXPECT_EQ(gone, 1);
+    EXPECT_EQ(ToString(document), "<r/>\n");
+}
+
 TEST(TinyXmlAdopted, MayBeParsedAndChangedWhereTheyStand) {
     int gone = 0;
     {

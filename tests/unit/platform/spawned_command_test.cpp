@@ -28,10 +28,15 @@ using testing::Optional;
 
 using Words = std::vector<std::string>;
 
-// Programs that were asked for without a shell, and the error that the next ones end in.
+// What is prepared for a program that is started without a shell.
+enum class Step { kNone, kAttributes, kActions, kRedirection };
+
+// Programs that were asked for without a shell, the error that the next ones end in, and the step
+// for which there is no memory.
 struct SpawnCalls {
     int made = 0;
     int error = 0;
+    Step refused = Step::kNone;
 };
 
 SpawnCalls& spawn_calls() {
@@ -39,13 +44,22 @@ SpawnCalls& spawn_calls() {
     return calls;
 }
 
+template <typename... Arguments>
+int prepare(Step step, const char* name, Arguments... arguments) {
+    if (spawn_calls().refused == step) {
+        return ENOMEM;
+    }
+    return reinterpret_cast<int (*)(Arguments...)>(dlsym(RTLD_NEXT, name))(arguments...);
+}
+
 }  // namespace
 
 // The program's own symbols come before the C library's, whose system and popen do not come here.
-extern "C" int posix_spawnp(pid_t* process, const char* file,
-                            const posix_spawn_file_actions_t* actions,
-                            const posix_spawnattr_t* attributes, char* const* arguments,
-                            char* const* environment) {
+extern "C" {
+
+int posix_spawnp(pid_t* process, const char* file, const posix_spawn_file_actions_t* actions,
+                 const posix_spawnattr_t* attributes, char* const* arguments,
+                 char* const* environment) {
     ++spawn_calls().made;
     if (spawn_calls().error != 0) {
         return spawn_calls().error;
@@ -53,6 +67,21 @@ extern "C" int posix_spawnp(pid_t* process, const char* file,
     const auto next = reinterpret_cast<decltype(&posix_spawnp)>(dlsym(RTLD_NEXT, "posix_spawnp"));
     return next(process, file, actions, attributes, arguments, environment);
 }
+
+int posix_spawnattr_init(posix_spawnattr_t* attributes) noexcept {
+    return prepare(Step::kAttributes, "posix_spawnattr_init", attributes);
+}
+
+int posix_spawn_file_actions_init(posix_spawn_file_actions_t* actions) noexcept {
+    return prepare(Step::kActions, "posix_spawn_file_actions_init", actions);
+}
+
+int posix_spawn_file_actions_adddup2(posix_spawn_file_actions_t* actions, int from,
+                                     int to) noexcept {
+    return prepare(Step::kRedirection, "posix_spawn_file_actions_adddup2", actions, from, to);
+}
+
+}  // extern "C"
 
 namespace {
 
@@ -539,6 +568,15 @@ TEST_F(SpawnStatus, WithAnyOtherErrorIsNone) {
     }
 }
 
+TEST_F(SpawnStatus, WithoutMemoryToPrepareIsNotStarted) {
+    Programs().PutProgram("regsh", "exit 0\n");
+    spawn_calls().refused = Step::kAttributes;
+    errno = 0;
+    EXPECT_EQ(spawn_status({"regsh"}), -1);
+    EXPECT_EQ(errno, ENOMEM);
+    EXPECT_EQ(spawn_calls().made, 0);
+}
+
 TEST_F(SpawnStatus, KeyboardSignalsDoNotReachTheToolMeanwhile) {
     Programs().PutProgram("regsh", "kill -$1 $PPID\n");
     for (const auto& [signal, name] : {std::pair(SIGINT, "INT"), std::pair(SIGQUIT, "QUIT")}) {
@@ -786,6 +824,20 @@ TEST_F(SpawnedStream, IsNullWhenNoProcessOrMemoryIsFree) {
         EXPECT_FALSE(output.NeedsShell()) << error;
         EXPECT_EQ(open_descriptors(), before) << error;
     }
+}
+
+TEST_F(SpawnedStream, IsNullWithoutMemoryToPrepare) {
+    Programs().PutProgram("regsh", "echo out\n");
+    const std::vector<int> before = open_descriptors();
+    for (const Step step : {Step::kAttributes, Step::kActions, Step::kRedirection}) {
+        SCOPED_TRACE(static_cast<int>(step));
+        spawn_calls().refused = step;
+        const SpawnedOutput output({"regsh"});
+        EXPECT_EQ(output.Stream(), nullptr);
+        EXPECT_FALSE(output.NeedsShell());
+        EXPECT_EQ(open_descriptors(), before);
+    }
+    EXPECT_EQ(spawn_calls().made, 0);
 }
 
 TEST_F(SpawnedStream, IsNullWithoutDescriptors) {
