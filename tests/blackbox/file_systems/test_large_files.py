@@ -1,7 +1,7 @@
 """Files of one very large text, and files that are mostly holes.
 
-64 MiB a file; CORVIK_LARGE=1 in the environment makes it 1 GiB, which takes several times as much of
-memory and of disk.
+64 MiB a file; CORVIK_LARGE=1 in the environment makes it 1 GiB, which takes several times as much
+of memory and of disk.
 """
 
 import hashlib

@@ -4,12 +4,14 @@ Each file that the tool opens, with each thing that may lie there. What is left 
 runs that nothing disturbed; the last column of a table names them.
 """
 
+import os
+import re
 import signal
 import stat
 
 import pytest
 
-from file_system_support import (FIRST, FOLDER_KINDS, LOG, NO_FILE, NO_IDENTITY, NO_LOG,
+from file_system_support import (BEFORE, FIRST, FOLDER_KINDS, LOG, NO_FILE, NO_IDENTITY, NO_LOG,
                                  NOT_IMPORTED, UNPARSED, WALK_OVER, Terminal, lay, unread,
                                  unwritten)
 
@@ -174,3 +176,54 @@ def test_the_kept_folders_hold_what_they_held(device, mode):
         (folder / name).write_text("kept")
     assert terminal.corvik(mode).status == {"get": 12, "set": 23}[mode]
     assert {path.read_text() for path in folder.iterdir()} == {"kept"}
+
+
+# The client's own place, on the search path
+
+NO_PROGRAM = ("folder", "link-to-a-folder", "socket", "link-to-itself", "dangling-link",
+              "empty-file", "pipe", "no-right")
+
+
+def lay_client(device, oddity):
+    """A search path on which the client is what the row says."""
+    folder = device.home / "programs"
+    folder.mkdir()
+    for name in ("rm", "cat", "grep", "head", "cut", "sh"):
+        (folder / name).symlink_to(device.run("sh", "-c", f"command -v {name}").stdout.strip())
+    client = folder / "regsh"
+    if oddity == "pipe":
+        os.mkfifo(client)
+    elif oddity in ("no-right", "empty-executable"):
+        client.write_text("" if oddity == "empty-executable" else "#!/bin/sh\n")
+        client.chmod(0o755 if oddity == "empty-executable" else 0o644)
+    else:
+        lay(oddity, client)
+    return {"PATH": str(folder)}
+
+
+def run_with(terminal, environment, mode, file):
+    return terminal.left(terminal.shell(
+        f"exec {terminal.device.programs}/corvik -{mode} tavrin -f {file}", env=environment))
+
+
+@pytest.mark.parametrize("oddity", NO_PROGRAM)
+def test_a_client_that_cannot_be_started(device, oddity):
+    """Told as the shell tells it, at each of the five calls."""
+    terminal = Terminal(device)
+    environment = lay_client(device, oddity)
+    told = device.run("sh", "-c", "regsh x\n" * 5, env=environment).stderr
+    told = re.sub(r"(?m)^sh: \d+:", "sh: 1:", told)
+    assert told.count("\n") == told.count("regsh: ") == 5
+    before = terminal.left(device.run("true"))
+    run = run_with(terminal, environment, "get", "out.xml")
+    assert (run.status, run.stderr, run.target) == (50, told, before.target)
+    run = run_with(terminal, environment, "set", "in.xml")
+    assert (run.status, run.stderr) == (0, told)
+    assert (run.document, run.tree, run.sessions) == (None, before.tree, before.sessions)
+
+
+def test_a_client_that_is_an_empty_script_exports_nothing(device):
+    """Each of its calls succeeds."""
+    terminal = Terminal(device)
+    run = run_with(terminal, lay_client(device, "empty-executable"), "get", "out.xml")
+    assert (run.status, run.stderr, run.target) == (11, "", BEFORE)
