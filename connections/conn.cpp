@@ -18,6 +18,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <stdexcept>
 #include <string_view>
 #include <unordered_map>
@@ -815,11 +816,14 @@ int import_conns(const std::string& type, const std::string& exportText,
 namespace {
 
 // A copy of the element by way of its text, as the registry client will read it; null when that
-// does not parse.
+// does not parse. Want of memory passes: nothing has been imported yet, and half a merge would not
+// be told of.
 std::unique_ptr<NTiXmlElement> deep_copy(const NTiXmlElement& element) {
     auto copy = std::make_unique<NTiXmlElement>();
     try {
         copy->Parse(ToString(element).c_str());
+    } catch (const std::bad_alloc&) {
+        throw;
     } catch (const std::exception&) {
         copy.reset();
     }
