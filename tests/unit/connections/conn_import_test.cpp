@@ -1,5 +1,6 @@
 #include "connections/conn.h"
 #include "tests/support/conn_fixture.h"
+#include "tests/unit/connections/scarce_memory.h"
 
 #include <gmock/gmock.h>
 
@@ -615,6 +616,30 @@ TEST_F(WriteConnPython, ExportWithoutConnectionsDirectoryHasNoConnections) {
     EXPECT_EQ(-1, Write(file_text(entry("A"), "<Profile>" + registry("") + "</Profile>")));
     EXPECT_EQ(kNewerEmptied, calls_);
     EXPECT_EQ(times(2, kNoConns), told_);
+}
+
+// The import has parsed the same text before.
+TEST_F(WriteConnPython, ExportThatMemoryDoesNotHoldAgainIsUnusable) {
+    constexpr long enough = 1000000;
+    const auto root = parsed(file_text(entry("A"), document("")));
+    int result = 12345;
+    long left = 0;
+    const auto write_with = [&](long allocations) {
+        Client().ForgetCalls();
+        Run([&] {
+            allocations_left = allocations;
+            result = write_conn_python(root.get(), "rdesktop", false);
+            left = std::exchange(allocations_left, -1);
+        });
+    };
+    for (const bool builds_tables : {true, false}) {
+        SCOPED_TRACE(builds_tables);
+        write_with(enough);
+        EXPECT_EQ(-1, result);
+    }
+    write_with(enough - left - 1);
+    EXPECT_EQ(52, result);
+    EXPECT_EQ(joined(kNewerEmptied, imported("rdesktop")), calls_);
 }
 
 TEST_F(WriteConnPython, EmptyConnectionsDirectoryIsImportedAndHasNoConnections) {

@@ -1,6 +1,7 @@
 #include "common/result_codes.h"
 #include "connections/conn.h"
 #include "tests/support/conn_fixture.h"
+#include "tests/unit/connections/scarce_memory.h"
 
 #include <cstdlib>
 #include <new>
@@ -8,12 +9,7 @@
 
 // The terminal emulator's session files in an export.
 
-namespace {
-
-// How many allocations still succeed; negative: all of them.
 long allocations_left = -1;
-
-}  // namespace
 
 // Not inlined: the compiler would take malloc and free for a mismatch with the callers' operators.
 [[gnu::noinline]] void* operator new(std::size_t size) {

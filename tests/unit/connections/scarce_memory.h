@@ -1,0 +1,5 @@
+#pragma once
+
+// How many of the next allocations by operator new succeed; negative: all. The operators themselves
+// stand with the tests of the terminal sessions.
+extern long allocations_left;
