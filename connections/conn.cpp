@@ -18,7 +18,6 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
-#include <new>
 #include <stdexcept>
 #include <string_view>
 #include <unordered_map>
@@ -815,18 +814,12 @@ int import_conns(const std::string& type, const std::string& exportText,
 
 namespace {
 
-// A copy of the element by way of its text, as the registry client will read it; null when that
-// does not parse. Want of memory passes: nothing has been imported yet, and half a merge would not
-// be told of.
+// A copy of the element by way of its text, as the registry client will read it. What was parsed
+// prints as what parses again. Want of memory passes: nothing has been imported yet, and half a
+// merge would not be told of.
 std::unique_ptr<NTiXmlElement> deep_copy(const NTiXmlElement& element) {
     auto copy = std::make_unique<NTiXmlElement>();
-    try {
-        copy->Parse(ToString(element).c_str());
-    } catch (const std::bad_alloc&) {
-        throw;
-    } catch (const std::exception&) {
-        copy.reset();
-    }
+    copy->Parse(ToString(element).c_str());
     return copy;
 }
 
@@ -869,11 +862,7 @@ bool merge_existing_conns(const std::string& type, NTiXmlElement* pConns) {
         if (!name || !known.insert(*name).second) {
             continue;
         }
-        std::unique_ptr<NTiXmlElement> copy = deep_copy(*dir);
-        if (copy == nullptr) {
-            return false;
-        }
-        pConns->AppendChild(copy.release());
+        pConns->AppendChild(deep_copy(*dir).release());
     }
     return true;
 }
