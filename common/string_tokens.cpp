@@ -129,12 +129,12 @@ char* trim_string(char* text, int mode) {
 }
 
 void ByteBuffer::append(std::uint8_t byte) {
-    const auto count = static_cast<std::size_t>(count_);
-    if (count == capacity_) {
-        reserve(count == 0 ? 16 : count * 2);
+    const auto end = static_cast<std::size_t>(count_);
+    if (end == capacity_) {
+        reserve(end == 0 ? 16 : end * 2);
     }
-    bytes_[count] = byte;
-    bytes_[count + 1] = 0;
+    bytes_[end] = byte;
+    bytes_[end + 1] = 0;
     ++count_;
 }
 

@@ -166,11 +166,11 @@ void ImageID::classify() {
 
 ImageID ImageID::from_file(const std::string& path) {
     const FileHandle file(std::fopen(path.c_str(), "r"));
-    std::array<char, 100> text{};
+    std::array<char, 100> bytes{};
     if (file) {
-        text[std::fread(text.data(), 1, text.size() - 1, file.get())] = '\0';
+        bytes[std::fread(bytes.data(), 1, bytes.size() - 1, file.get())] = '\0';
     }
-    return ImageID(text.data());
+    return ImageID(bytes.data());
 }
 
 ImageID ImageID::from_systeminfo() noexcept {

@@ -13,8 +13,6 @@
 #include <cstring>
 #include <string_view>
 
-extern char** environ;
-
 namespace {
 
 constexpr std::string_view kPlainCharacters =

@@ -122,8 +122,8 @@ std::string escaped(const std::string& text) {
     NTiXmlElement element;
     element.Name() = "e";
     element.Text() = text;
-    const std::string printed = ToString(element);
-    return text.empty() ? "" : printed.substr(3, printed.size() - 3 - 5);
+    const std::string tagged = ToString(element);
+    return text.empty() ? "" : tagged.substr(3, tagged.size() - 3 - 5);
 }
 
 // Pieces of an export document.

@@ -507,10 +507,10 @@ TEST_F(ShellPopen, WithoutShellIs127) {
 
 TEST_F(ShellPopen, WithoutPipeIsOne) {
     std::FILE* stream = nullptr;
-    pid_t process = -1;
     int started = 0;
     {
         const NoMoreDescriptors limit;
+        pid_t process = -1;
         started = shell_popen(stream, process, "echo out");
     }
     EXPECT_EQ(started, 1);
