@@ -18,6 +18,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <stdexcept>
 #include <string_view>
 #include <unordered_map>
@@ -814,12 +815,18 @@ int import_conns(const std::string& type, const std::string& exportText,
 
 namespace {
 
-// A copy of the element by way of its text, as the registry client will read it. What was parsed
-// prints as what parses again. Want of memory passes: nothing has been imported yet, and half a
-// merge would not be told of.
+// A copy of the element by way of its text, as the registry client will read it; null when that
+// does not parse. Want of memory passes: nothing has been imported yet, and half a merge would not
+// be told of.
 std::unique_ptr<NTiXmlElement> deep_copy(const NTiXmlElement& element) {
     auto copy = std::make_unique<NTiXmlElement>();
-    copy->Parse(ToString(element).c_str());
+    try {
+        copy->Parse(ToString(element).c_str());
+    } catch (const std::bad_alloc&) {
+        throw;
+    } catch (const std::exception&) {
+        copy.reset();
+    }
     return copy;
 }
 
@@ -862,7 +869,11 @@ bool merge_existing_conns(const std::string& type, NTiXmlElement* pConns) {
         if (!name || !known.insert(*name).second) {
             continue;
         }
-        pConns->AppendChild(deep_copy(*dir).release());
+        std::unique_ptr<NTiXmlElement> copy = deep_copy(*dir);
+        if (copy == nullptr) {
+            return false;
+        }
+        pConns->AppendChild(copy.release());
     }
     return true;
 }

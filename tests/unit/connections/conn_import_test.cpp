@@ -1321,6 +1321,15 @@ TEST_F(MergeExistingConns, EmptyNameIsAName) {
     EXPECT_EQ(printed(dir_of("connections", conn("", "A"))), Conns());
 }
 
+// A comment is printed without escapes, so each copy takes one away. What is escaped twice still parses
+// as part of the export, and no longer as a copy of its own.
+TEST_F(MergeExistingConns, CopyThatDoesNotParseEndsTheMerge) {
+    const std::string spoilt = dir_of("2", "<!-- --&amp;gt;&amp;lt;x -->");
+    Holds(document(conn("1", "A") + spoilt + conn("3", "C")));
+    EXPECT_FALSE(Merge(dir_of("connections", "")));
+    EXPECT_EQ(printed(dir_of("connections", conn("1", "A"))), Conns());
+}
+
 TEST_F(MergeExistingConns, RegistryWithoutConnectionsIsFalse) {
     EXPECT_FALSE(Merge(dir_of("connections", conn("1", "A"))));
     EXPECT_EQ(kWalkOver + std::string(kNoGeneral), told_);
