@@ -24,13 +24,16 @@ from recorder_client import ANY, Recorder
 
 RECORD = Path(__file__).resolve().parent / "recorded.json"
 
-# The fixed cost is that of one connection; the other runs have 250 and four times 250 more.
+# The fixed cost is that of one connection; the other runs have 250 and four times 250 more. What lies
+# between is counted to judge each doubling, and not recorded.
 FIXED, SMALL, LARGE = SIZES = (1, 251, 1001)
+MIDDLE = 501
 STEPS = ("parse", "print", "destroy", "get", "set")
 TOLERANCE = 0.03
 # Work that is linear grows by 4.00; n log n by more than 4.9, a square by 15.9. What is left for the
 # steps of growing tables and buffers is 5 per cent.
 MOST_GROWTH = 4.2
+MOST_DOUBLING = 2.1
 
 TIME_LIMIT_SECONDS = 120
 WALK_ENDED = b"Could not find <NodeDir> - UUID. \n"
@@ -179,7 +182,8 @@ def measure(programs):
     """Counts by step and number of connections."""
     with tempfile.TemporaryDirectory(prefix="guard-", dir=programs.parent) as folder:
         work = [(count, Path(folder) / f"{count.__name__}-{size}", size)
-                for size in reversed(SIZES) for count in (count_set, count_get, count_xml_steps)]
+                for size in (LARGE, MIDDLE, SMALL, FIXED)
+                for count in (count_set, count_get, count_xml_steps)]
         with ThreadPoolExecutor(max_workers=2) as pool:
             parts = pool.map(lambda each: each[0](programs, *each[1:]), work)
             return {key: count for part in parts for key, count in part.items()}
@@ -219,6 +223,15 @@ def growth(counts, step, kind):
     """How often the cost of 250 further connections is contained in that of 1000 further ones."""
     fixed, small, large = (getattr(counts[step, size], kind) for size in SIZES)
     return (large - fixed) / (small - fixed)
+
+
+def doublings(fixed, *doubled):
+    """How often each cost is contained in the next, without the fixed cost in them."""
+    return [(twice - fixed) / (once - fixed) for once, twice in zip(doubled, doubled[1:])]
+
+
+def doublings_of_connections(counts, step, kind):
+    return doublings(*(getattr(counts[step, size], kind) for size in (FIXED, SMALL, MIDDLE, LARGE)))
 
 
 # Command

@@ -49,6 +49,9 @@ int main(int argc, char* argv[]) {
     }
     try {
         run_steps(std::move(text));
+    } catch (const TException& failure) {
+        std::fprintf(stderr, "xml_steps: %s\n", failure.Message());
+        return EXIT_FAILURE;
     } catch (const std::exception& failure) {
         std::fprintf(stderr, "xml_steps: %s\n", failure.what());
         return EXIT_FAILURE;
