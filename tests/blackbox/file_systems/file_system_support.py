@@ -133,10 +133,14 @@ class Terminal:
         return self.device.run("sh", "-c", f"cd work || exit 99\n{script}", image_type=None,
                                **options)
 
-    def corvik(self, mode, before="", **options):
-        """An export into out.xml, or an import of in.xml; shell commands may go before."""
+    def corvik(self, mode, before="", limit="", **options):
+        """An export into out.xml, or an import of in.xml.
+
+        Shell commands may go before; a limit of time is told by status 124.
+        """
         file = {"get": "out.xml", "set": "in.xml"}[mode]
-        result = self.shell(f"{before}\nexec corvik -{mode} tavrin -f {file}", **options)
+        timeout = f"timeout {limit}" if limit else ""
+        result = self.shell(f"{before}\nexec {timeout} corvik -{mode} tavrin -f {file}", **options)
         return self.left(result)
 
     def left(self, result):

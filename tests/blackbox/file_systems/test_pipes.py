@@ -25,6 +25,7 @@ READ = [  # mode, and the file that it reads
 WRITTEN = [("get", "work/out.xml"), ("get", "work/corvik.log"), ("set", "work/corvik.log"),
            ("set", "sessions/a.kss"), ("set", "sessions/a.ws"), ("set", "tmp/import.xml")]
 PAUSE_SECONDS = 0.005
+LIMIT_SECONDS = 40  # of a run that finds nobody, though somebody was there for it
 
 
 class OtherEnd(threading.Thread):
@@ -125,7 +126,7 @@ def test_a_pipe_is_read_like_a_file(device, make_device, mode, place):
                 end.feed(held)
 
     with OtherEnd(path, feed):
-        run = terminal.corvik(mode)
+        run = terminal.corvik(mode, limit=LIMIT_SECONDS)
     assert without(run, place) == without(undisturbed(make_device, mode, place), place)
 
 
@@ -147,7 +148,7 @@ def test_a_pipe_is_written_like_a_file(device, make_device, mode, place):
         end.feed(end.taken)  # a session file is read again, the import document by the client
 
     with OtherEnd(path, relay) as end:
-        run = terminal.corvik(mode, client=client)
+        run = terminal.corvik(mode, client=client, limit=LIMIT_SECONDS)
     expected = undisturbed(make_device, mode, place)
     assert without(run, place) == without(expected, place)
     assert end.taken == taken_as_file(expected, place) != b""
@@ -171,8 +172,7 @@ def waiting(make_device, mode, place):
     terminal = Terminal(make_device(f"{mode} {place}".replace("/", "-")))
     before = terminal.left(terminal.device.run("true"))
     path, _ = lay_pipe(terminal, place)
-    file = {"get": "out.xml", "set": "in.xml"}[mode]
-    run = terminal.left(terminal.shell(f"exec timeout 2 corvik -{mode} tavrin -f {file}"))
+    run = terminal.corvik(mode, limit=2)
     kept = (run.tree == before.tree, run.document == before.document, path.is_fifo(),
             place == "work/out.xml" or run.target == BEFORE, b"rc=" not in (run.log or b""))
     return run.status, *kept
