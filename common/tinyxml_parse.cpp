@@ -213,7 +213,7 @@ private:
         return nullptr;
     }
 
-    std::string_view text_{"", 0};  // never null
+    std::string_view text_ = "";  // never null; NOLINT(readability-redundant-string-init)
     std::string string_;
     bool changed_ = false;
 };
