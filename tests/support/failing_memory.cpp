@@ -2,50 +2,14 @@
 
 #include "failing_plan.h"
 
-#include <link.h>
-
-#include <algorithm>
-#include <cstdint>
 #include <cstdlib>
 #include <new>
 
 namespace {
 
-// Where the code of the program itself stands.
-struct ProgramCode {
-    std::uintptr_t begin = UINTPTR_MAX;
-    std::uintptr_t end = 0;
-
-    ProgramCode() {
-        // The program comes first.
-        dl_iterate_phdr(
-            [](dl_phdr_info* object, std::size_t, void* code) {
-                static_cast<ProgramCode*>(code)->take(*object);
-                return 1;
-            },
-            this);
-    }
-
-    void take(const dl_phdr_info& object) {
-        for (int at = 0; at < object.dlpi_phnum; ++at) {
-            const auto& part = object.dlpi_phdr[at];
-            if (part.p_type == PT_LOAD) {
-                const std::uintptr_t start = object.dlpi_addr + part.p_vaddr;
-                begin = std::min(begin, start);
-                end = std::max(end, start + part.p_memsz);
-            }
-        }
-    }
-};
-
 // True when memory that is asked for from there is to be refused.
 bool is_refused(const void* caller) {
-    if (!has_begun()) {
-        return false;
-    }
-    static const ProgramCode program;
-    const auto address = reinterpret_cast<std::uintptr_t>(caller);
-    return address >= program.begin && address < program.end && plan().strikes(kNew);
+    return has_begun() && is_program(caller) && plan().strikes(kNew);
 }
 
 void* allocate(std::size_t size) {

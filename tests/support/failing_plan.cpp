@@ -1,9 +1,12 @@
 #include "failing_plan.h"
 
 #include <fcntl.h>
+#include <link.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -42,6 +45,33 @@ long take_number(const char* setting) {
     unsetenv(setting);
     return number;
 }
+
+// Where the code of the program itself stands.
+struct ProgramCode {
+    std::uintptr_t begin = UINTPTR_MAX;
+    std::uintptr_t end = 0;
+
+    ProgramCode() {
+        // The program comes first.
+        dl_iterate_phdr(
+            [](dl_phdr_info* object, std::size_t, void* code) {
+                static_cast<ProgramCode*>(code)->take(*object);
+                return 1;
+            },
+            this);
+    }
+
+    void take(const dl_phdr_info& object) {
+        for (int at = 0; at < object.dlpi_phnum; ++at) {
+            const auto& part = object.dlpi_phdr[at];
+            if (part.p_type == PT_LOAD) {
+                const std::uintptr_t start = object.dlpi_addr + part.p_vaddr;
+                begin = std::min(begin, start);
+                end = std::max(end, start + part.p_memsz);
+            }
+        }
+    }
+};
 
 // A program that never calls anything of the table must not pass the settings on either.
 __attribute__((constructor)) void take_settings() {
@@ -114,6 +144,12 @@ void Plan::report(const char* text, std::size_t size) const {
 Plan& plan() {
     static Plan plan;
     return plan;
+}
+
+bool is_program(const void* caller) {
+    static const ProgramCode program;
+    const auto address = reinterpret_cast<std::uintptr_t>(caller);
+    return address >= program.begin && address < program.end;
 }
 
 bool has_begun() {

@@ -58,6 +58,9 @@ Plan& plan();
 // True from main() on: the C++ library's spare memory, taken before, is none of the program's.
 bool has_begun();
 
+// True of code of the program itself, not of its libraries.
+bool is_program(const void* caller);
+
 // The function that is hidden by the one of the same name here.
 template <typename Function>
 Function* next(const char* name) {

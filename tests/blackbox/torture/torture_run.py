@@ -58,7 +58,8 @@ class Session:
         for name, value in {"NOTES": notes, **settings}.items():
             call += ["--env", f"{name}={value}"]
         self.process = subprocess.Popen([*call, "--", "sh", "-c", LOOP], cwd=device.home,
-                                        stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+                                        stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                        start_new_session=True)
 
     def run(self, line):
         """The status as the shell gives it, and what was printed on standard error."""
@@ -66,7 +67,7 @@ class Session:
         self.process.stdin.flush()
         ready, _, _ = select.select([self.process.stdout], [], [], TIME_LIMIT_SECONDS)
         if not ready:
-            self.process.kill()
+            os.killpg(self.process.pid, signal.SIGKILL)
         assert ready, f"does not come back: {line}"
         return int(self.process.stdout.readline()), (self.notes / "stderr").read_bytes()
 
