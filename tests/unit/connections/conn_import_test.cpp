@@ -8,6 +8,7 @@
 #include <array>
 #include <csignal>
 #include <list>
+#include <new>
 #include <utility>
 
 // Everything here is local to this file: the tests of the export are part of the same program.
@@ -1321,13 +1322,36 @@ TEST_F(MergeExistingConns, EmptyNameIsAName) {
     EXPECT_EQ(printed(dir_of("connections", conn("", "A"))), Conns());
 }
 
-// A comment is printed without escapes, so each copy takes one away. What is escaped twice still parses
-// as part of the export, and no longer as a copy of its own.
+// A comment is printed without escapes, so each copy takes one away. What is escaped twice still
+// parses as part of the export, and no longer as a copy of its own.
 TEST_F(MergeExistingConns, CopyThatDoesNotParseEndsTheMerge) {
     const std::string spoilt = dir_of("2", "<!-- --&amp;gt;&amp;lt;x -->");
     Holds(document(conn("1", "A") + spoilt + conn("3", "C")));
     EXPECT_FALSE(Merge(dir_of("connections", "")));
     EXPECT_EQ(printed(dir_of("connections", conn("1", "A"))), Conns());
+}
+
+// Whichever allocation fails: half a merge is never taken for one that is only left out.
+TEST_F(MergeExistingConns, WantOfMemoryInTheMidstPasses) {
+    const std::string own = dir_of("connections", conn("1", "A"));
+    Holds(document(conn("2", "B") + conn("3", "C")));
+    EXPECT_TRUE(Merge(own));
+    const std::string whole = Conns();
+    bool merged = false;
+    for (long allocations = 0; !merged; ++allocations) {
+        const auto conns = parsed(own);
+        bool passed = false;
+        Run([&] {
+            allocations_left = allocations;
+            try {
+                merged = merge_existing_conns("ssh", conns.get());
+            } catch (const std::bad_alloc&) {
+                passed = true;
+            }
+            allocations_left = -1;
+        });
+        EXPECT_TRUE(passed || ToString(*conns) == (merged ? whole : printed(own))) << allocations;
+    }
 }
 
 TEST_F(MergeExistingConns, RegistryWithoutConnectionsIsFalse) {
