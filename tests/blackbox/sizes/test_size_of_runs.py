@@ -47,7 +47,7 @@ SIZES = [
     (with_one(shapes.attributes), MILLION, 4, 7),
     (with_one(shapes.text), size(10 * MILLION, 100 * MILLION), 3, 4),
     (with_one(shapes.long_attribute), size(10 * MILLION, 100 * MILLION), 3, 4),
-    (with_one(shapes.nesting), size(1000, DEEPEST), 2.5, 1.5),
+    (with_one(shapes.nesting), size(3000, DEEPEST), 2.5, 1.5),
     (many_connections, size(10_000, 100_000), 5, 13),
 ]
 each_size = pytest.mark.parametrize("shape, count, of_get, of_set", SIZES,

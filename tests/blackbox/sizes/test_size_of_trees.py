@@ -33,7 +33,7 @@ def steps(programs, tmp_path):
     (shapes.attributes, MILLION, 5),
     (shapes.text, size(10 * MILLION, 100 * MILLION), 3.5),
     (shapes.long_attribute, size(10 * MILLION, 100 * MILLION), 3.5),
-    (shapes.nesting, size(2000, DEEPEST), 2.5)], ids=lambda value: getattr(value, "__name__", None))
+    (shapes.nesting, size(4000, DEEPEST), 2.5)], ids=lambda value: getattr(value, "__name__", None))
 def test_a_large_document_is_handled(steps, programs, shape, count, factor):
     document = shape(count)
     ended = steps(document)
