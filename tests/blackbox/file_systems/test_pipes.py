@@ -162,7 +162,7 @@ def test_a_reader_that_leaves_early_is_told(device, before, status, log):
     terminal = Terminal(device, FIRST, session("id-2", "Night", "b", key("large", "x" * 200_000)))
     path, _ = lay_pipe(terminal, "work/out.xml")
     with OtherEnd(path, lambda end: end.take(10)) as end:
-        run = terminal.corvik("get", before=before)
+        run = terminal.corvik("get", before=before, limit=LIMIT_SECONDS)
     assert (run.status, run.stderr, run.log) == (status, WALK_OVER, log)
     assert end.taken == b"<tavrin>\n "
 
