@@ -930,4 +930,43 @@ TEST(TinyXmlMemory, AReferenceToTheTextFromBeforeAParseReachesNoNode) {
     EXPECT_EQ(ToString(document), "<b>text</b>\n");
 }
 
+// How many allocations `step` makes.
+template <class Step>
+long allocations_of(Step step) {
+    constexpr long enough = 1'000'000;
+    EXPECT_FALSE(runs_out(enough, Refusal::kOne, step));
+    return enough - allocations.until_failure;
+}
+
+TEST(TinyXmlGrowth, ManyNodesTakeFewBlocks) {
+    std::string text;
+    for (int number = 0; number < 50'000; ++number) {
+        text += "<a/>";
+    }
+    // About 6 MB: thirteen doublings, one of the largest blocks, and the growing list of them.
+    EXPECT_LE(allocations_of([&text] { NTiXmlDoc().ParseBorrowed(text); }), 25);
+}
+
+TEST(TinyXmlGrowth, BlocksEndAtASizeThatLeavesLittleUnused) {
+    std::string text;
+    for (int number = 0; number < 300'000; ++number) {
+        text += "<a/>";
+    }
+    // Some 30 MB in blocks of 4 MB: with doubling to the end there would be three less, and up to
+    // half of the memory unused.
+    const long blocks = allocations_of([&text] { NTiXmlDoc().ParseBorrowed(text); });
+    EXPECT_GE(blocks, 25);
+    EXPECT_LE(blocks, 40);
+}
+
+TEST(TinyXmlGrowth, APrintInManyPiecesIsMovedSeldom) {
+    const long moves = allocations_of([] {
+        NTiXmlOutBuffer out;
+        for (int number = 0; number < 100'000; ++number) {
+            out.AppendMarkup("0123456789");
+        }
+    });
+    EXPECT_LE(moves, 12);
+}
+
 }  // namespace

@@ -79,6 +79,7 @@ constexpr const char* kSystemInfos[] = {
     "PRODUCT_CONFIG=\"\v\"\n",
     "PRODUCT_CONFIG=\"\xC3\xA9\"\n",
     "PRODUCT_CONFIG=\"\x7F\"\n",
+    "A=1\nPRODUCT_CONFIG=none\nB=\"2\"\n",
 };
 
 TEST_F(SystemIdentity, ProductConfigIsWhatThePipelineSays) {
@@ -89,6 +90,39 @@ TEST_F(SystemIdentity, ProductConfigIsWhatThePipelineSays) {
             R"(cat /etc/systeminfo | grep PRODUCT_CONFIG | head -n1 | cut -d '"' -f 2)", said));
         EXPECT_EQ(ProductConfig(), said) << text;
     }
+}
+
+TEST_F(SystemIdentity, ProductConfigOfAFileWithANulIsWhatThePipelineSays) {
+    WriteSystemInfo(std::string("PRODUCT_CONFIG=\"zero\"\n\0", 23));
+    const std::string messages = captured_stderr([] { EXPECT_EQ(ProductConfig(), ""); });
+    EXPECT_NE(messages.find("matches"), std::string::npos) << messages;
+}
+
+TEST_F(SystemIdentity, ProductConfigOfAPlainFileNeedsNoProgram) {
+    setenv("PATH", "/nowhere", 1);
+    for (const char* value : {"zero", "a b", "!", "~", "a\tb"}) {
+        SetProduct("Sylvex", value, "6.1");
+        EXPECT_EQ(ProductConfig(), value);
+    }
+}
+
+TEST_F(SystemIdentity, ProductConfigOfAFileThatIsNotPlainNeedsPrograms) {
+    setenv("PATH", "/nowhere", 1);
+    for (const char* value : {"\x1F", "\x7F", "\r", "\v", "\xC3\xA9"}) {
+        SetProduct("Sylvex", value, "6.1");
+        const std::string messages = captured_stderr([] { EXPECT_EQ(ProductConfig(), ""); });
+        EXPECT_NE(messages, "");
+    }
+}
+
+TEST_F(SystemIdentity, ProductConfigOfUpTo999BytesNeedsNoProgram) {
+    setenv("PATH", "/nowhere", 1);
+    const std::string line = "PRODUCT_CONFIG=\"zero\"\n";
+    WriteSystemInfo(line + std::string(999 - line.size(), 'x'));
+    EXPECT_EQ(ProductConfig(), "zero");
+    WriteSystemInfo(line + std::string(1000 - line.size(), 'x'));
+    const std::string messages = captured_stderr([] { EXPECT_EQ(ProductConfig(), ""); });
+    EXPECT_NE(messages, "");
 }
 
 TEST_F(SystemIdentity, ProductConfigOfALongFileIsWhatThePipelineSays) {
