@@ -32,7 +32,8 @@ class Ended:
 # A process of its own: what the tests themselves have in memory would else count with the command's.
 MEASURE = """
 import os, resource, sys
-resource.setrlimit(resource.RLIMIT_STACK, (int(sys.argv[1]), resource.RLIM_INFINITY))
+resource.setrlimit(resource.RLIMIT_STACK,
+                   (int(sys.argv[1]), resource.getrlimit(resource.RLIMIT_STACK)[1]))
 _, status, usage = os.wait4(os.posix_spawnp(sys.argv[3], sys.argv[3:], os.environ), 0)
 with open(sys.argv[2], "w") as file:
     print(os.waitstatus_to_exitcode(status), usage.ru_utime + usage.ru_stime, usage.ru_maxrss,
@@ -45,13 +46,15 @@ def run(command, folder, **options):
 
     What it writes is not kept for the tests of written documents: it is compared in full here.
     """
+    measured = folder / "measured"
     with open(folder / "stdout", "wb") as stdout, open(folder / "stderr", "wb") as stderr:
-        measured = folder / "measured"
         subprocess.Popen([sys.executable, "-ISc", MEASURE, str(SMALL_STACK), measured, *command],
                          stdin=subprocess.DEVNULL, stdout=stdout, stderr=stderr, **options).wait()
     status, seconds, peak = measured.read_text().split()
-    return Ended(int(status), *((folder / name).read_bytes() for name in ("stdout", "stderr")),
-                 float(seconds), int(peak) << 10)
+    ended = Ended(int(status), *((folder / name).read_bytes() for name in ("stdout", "stderr")),
+                  float(seconds), int(peak) << 10)
+    (folder / "stdout").unlink()
+    return ended
 
 
 def same(got, expected):

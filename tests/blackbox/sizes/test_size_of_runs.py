@@ -3,6 +3,8 @@
 CORVIK_LARGE=1 runs the full sizes. How costs grow is judged by tests/guard.
 """
 
+import shutil
+
 import pytest
 
 import document_shapes as shapes
@@ -28,7 +30,10 @@ def with_one(shape):
 
 @pytest.fixture
 def device(programs, tmp_path):
-    return SizedDevice(programs, tmp_path)
+    device = SizedDevice(programs, tmp_path)
+    yield device
+    for folder in (device.client, device.home, device.folder / "tmp"):  # some hundreds of megabytes
+        shutil.rmtree(folder)
 
 
 def file_of(export, count=1):
