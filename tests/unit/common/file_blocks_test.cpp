@@ -110,6 +110,15 @@ TEST_F(FileBlocks, WhatStandsInTheContentStays) {
     EXPECT_EQ(content, "before abd");
 }
 
+TEST_F(FileBlocks, RoomForAllIsMadeAtOnceAndNoMore) {
+    const std::string bytes = pattern(200'000);
+    const FileHandle file(std::fopen(folder_.Put("file", bytes).c_str(), "r"));
+    std::string content = pattern(100'000);
+    read_blocks(file.get(), kBlock, content);
+    EXPECT_EQ(content, pattern(100'000) + bytes);
+    EXPECT_LE(content.capacity(), 300'100U);
+}
+
 TEST_F(FileBlocks, BlocksOfTheRestOfAFileCountFromWhereItStands) {
     const FileHandle file(std::fopen(folder_.Put("file", "xab\0cdefg"s).c_str(), "r"));
     ASSERT_EQ(std::fgetc(file.get()), 'x');

@@ -230,6 +230,7 @@ TEST(TinyXmlSteps, ReadTextKeepsEveryOtherAmpersand) {
     EXPECT_EQ(text_read("a & b<", "<"), "a & b|");
     EXPECT_EQ(text_read("&amp &AMP; &nbsp; &#65; &#x41; &&amp;<", "<"),
               "&amp &AMP; &nbsp; &#65; &#x41; &&|");
+    EXPECT_EQ(text_read("&aMP; &gT; &aposs; &quot<", "<"), "&aMP; &gT; &aposs; &quot|");
 }
 
 TEST(TinyXmlSteps, ReadTextKeepsWhiteSpaceBesideEntities) {
@@ -695,11 +696,15 @@ TEST(TinyXmlParseElement, SiblingsAtMaxDepthAreParsed) {
               "no exception");
 }
 
+TEST(TinyXmlParseElement, MaxDepthIsTenThousand) {
+    EXPECT_EQ(NTiXmlElement::kMaxDepth, 10'000U);
+}
+
 TEST(TinyXmlParseElement, OneLevelMoreIsAnElementParseError) {
     const Failure failure = document_failure(repeated("<a>", NTiXmlElement::kMaxDepth) + "<b/>" +
                                              repeated("</a>", NTiXmlElement::kMaxDepth));
-    EXPECT_EQ(failure.message, "Element Parse error");
-    EXPECT_EQ(failure.remainder, "<b/>" + repeated("</a>", NTiXmlElement::kMaxDepth));
+    const std::string remainder = "<b/>" + repeated("</a>", NTiXmlElement::kMaxDepth);
+    EXPECT_EQ(failure, (Failure{"Element Parse error", remainder, 697}));
 }
 
 TEST(TinyXmlParseElement, MaxDepthCountsFromTheElementThatIsParsed) {

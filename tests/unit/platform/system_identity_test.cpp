@@ -5,7 +5,12 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <csignal>
 #include <string>
 
 namespace {
@@ -96,6 +101,21 @@ TEST_F(SystemIdentity, ProductConfigOfAFileWithANulIsWhatThePipelineSays) {
     WriteSystemInfo(std::string("PRODUCT_CONFIG=\"zero\"\n\0", 23));
     const std::string messages = captured_stderr([] { EXPECT_EQ(ProductConfig(), ""); });
     EXPECT_NE(messages.find("matches"), std::string::npos) << messages;
+}
+
+// What one reader takes of a pipe is lost to the next.
+TEST_F(SystemIdentity, ProductConfigOfAPipeIsLeftToThePipeline) {
+    ASSERT_EQ(mkfifo(kSystemInfo, 0600), 0);
+    const pid_t writer = fork();
+    if (writer == 0) {
+        for (const char* value : {"\xC3\xA9", "second"}) {
+            SetProduct("Sylvex", value, "6.1");  // waits for a reader
+        }
+        _exit(0);
+    }
+    EXPECT_EQ(ProductConfig(), "\xC3\xA9");
+    kill(writer, SIGKILL);
+    waitpid(writer, nullptr, 0);
 }
 
 TEST_F(SystemIdentity, ProductConfigOfAPlainFileNeedsNoProgram) {
