@@ -29,6 +29,7 @@ struct Allocations {
     bool all_behind_fail = false;
     long until_failure = 0;  // how many succeed before one fails
     long live = 0;
+    std::size_t last_size = 0;  // that realloc was asked for
 
     bool Refuses() {
         if (!counted) {
@@ -77,6 +78,7 @@ void* realloc(void* memory, std::size_t size) noexcept {
     }
     auto* const real = checked_realloc != nullptr ? checked_realloc : plain_realloc;
     void* const grown = real(memory, size);
+    allocations.last_size = size;
     return memory == nullptr ? allocations.Made(grown) : grown;
 }
 
@@ -735,7 +737,7 @@ enum class Refusal { kOne, kAllBehind };
 // std::bad_alloc passed.
 template <class Step>
 bool runs_out(long number, Refusal refusal, Step step) {
-    allocations = {true, refusal == Refusal::kAllBehind, number, 0};
+    allocations = {true, refusal == Refusal::kAllBehind, number, 0, 0};
     bool passed = false;
     try {
         step();
@@ -957,6 +959,25 @@ TEST(TinyXmlGrowth, BlocksEndAtASizeThatLeavesLittleUnused) {
     const long blocks = allocations_of([&text] { NTiXmlDoc().ParseBorrowed(text); });
     EXPECT_GE(blocks, 25);
     EXPECT_LE(blocks, 40);
+}
+
+TEST(TinyXmlGrowth, AReleasedTextIsCutToItsSizeAndItsNul) {
+    NTiXmlOutBuffer out;
+    out.AppendMarkup("0123456789");
+    char* const text = out.Release();
+    const std::size_t size = allocations.last_size;
+    EXPECT_STREQ(text, "0123456789");
+    std::free(text);
+    EXPECT_EQ(size, 11U);
+}
+
+TEST(TinyXmlGrowth, ATextThatCannotBeCutIsReleasedAllTheSame) {
+    NTiXmlOutBuffer out;
+    out.AppendMarkup("0123456789");
+    char* text = nullptr;
+    runs_out(0, Refusal::kOne, [&] { text = out.Release(); });
+    EXPECT_STREQ(text, "0123456789");
+    std::free(text);
 }
 
 TEST(TinyXmlGrowth, APrintInManyPiecesIsMovedSeldom) {

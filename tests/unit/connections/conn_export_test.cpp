@@ -236,11 +236,13 @@ TEST_F(CloneConnPython, OtherDefaultExportsThatConnectionOnly) {
                                               remove_call("view")));
 }
 
-TEST_F(CloneConnPython, WordInAnotherCaseIsAnIdentifier) {
-    SetDefault("default-view");
-    EXPECT_EQ(kSuccess, Run("view"));
-    EXPECT_EQ("<R/>\n", RootText());
-    EXPECT_EQ(kEndOfWalk, told_);
+TEST_F(CloneConnPython, WordInAnotherCaseOrCutShortIsAnIdentifier) {
+    for (const char* value : {"default-view", "xDefaul", "efault"}) {
+        SetDefault(value);
+        EXPECT_EQ(kSuccess, Run("view"));
+        EXPECT_EQ("<R/>\n", RootText());
+        EXPECT_EQ(kEndOfWalk, told_) << value;
+    }
 }
 
 TEST_F(CloneConnPython, EmptyDefaultExportsNoConnection) {
@@ -339,6 +341,29 @@ TEST_F(GetConn, TerminalEmulatorIsKnownByItsRegistryType) {
             general_of(document) + "</Tavrin>\n",
         bytes_of(Out()));
     EXPECT_EQ(std::string(kEndOfWalk) + "read file /etc/tavrin/connections/one.ws fail\n", told_);
+}
+
+TEST_F(GetConn, TheRunLogIsNotWrittenOver) {
+    run_options.log.reset(std::fopen(Out().c_str(), "w"));
+    std::fputs("header\n", run_options.log.get());
+    std::fflush(run_options.log.get());
+    EXPECT_EQ(kConnectionsFileUnwritable, Get("RDP", Out()));
+    EXPECT_EQ("header\n", bytes_of(Out()));
+}
+
+TEST_F(GetConn, AFileBesideTheRunLogIsWritten) {
+    const std::string log = folder_.Path("run.log").string();
+    run_options.log.reset(std::fopen(log.c_str(), "w"));
+    for (int times = 0; times < 2; ++times) {  // a new file, and one that stands there
+        EXPECT_EQ(kSuccess, Get("RDP", Out()));
+        EXPECT_NE("", bytes_of(Out()));
+    }
+    EXPECT_EQ("", bytes_of(log));
+}
+
+TEST_F(GetConn, ARunLogThatIsNoFileIsNotInTheWay) {
+    run_options.log.reset(std::fopen("/dev/null", "w"));
+    EXPECT_EQ(kSuccess, Get("RDP", "/dev/null"));
 }
 
 TEST_F(GetConn, NewerLayoutAsksForTheDefaultFirst) {

@@ -248,10 +248,10 @@ TEST_F(NetworkSettings, TestsAskForPositionZero) {
         bool wired;
         bool wireless;
     };
-    for (const Row& row :
-         {Row{"", true, true}, Row{"802-3-ethernet", false, true},
-          Row{"802-11-wireless", true, false}, Row{" 802-3-ethernet", true, true},
-          Row{"802-3-ethernet 802-3-ethernet", false, true}, Row{"802-3-etherne", true, true}}) {
+    for (const Row& row : {Row{"", true, true}, Row{"802-3-ethernet", false, true},
+                           Row{"802-11-wireless", true, false}, Row{" 802-3-ethernet", true, true},
+                           Row{"802-3-ethernet 802-3-ethernet", false, true},
+                           Row{"802-3-etherne", true, true}, Row{"802-11-wireles", true, true}}) {
         SetReply(2, row.reply);
         EXPECT_EQ(is_wired_connection(2), row.wired) << row.reply;
         EXPECT_EQ(is_wireless_connection(2), row.wireless) << row.reply;
@@ -344,6 +344,7 @@ TEST_F(NetworkSettings, SettingOutsideADictionaryEntryDoesNotCount) {
 
 TEST_F(NetworkSettings, SettingCutOffAtTheEnd) {
     EXPECT_EQ(Setting("id", "dict entry("), "");
+    EXPECT_EQ(Setting("id", "dict entr(\nstring \"id\"\nstring \"x\"\n"), "");
     EXPECT_EQ(Setting("id", "dict entry(\nstring \"id\""), "");
     EXPECT_EQ(Setting("id", "dict entry(\nint32 5\nstring \"x\"\n"), "");
     EXPECT_EQ(Setting("id", "dict entry(\nstring \"\n"), "");
