@@ -57,7 +57,7 @@ GET_CALLS = {
     "FAIL_STAT": {WHOLE},
     "FAIL_NEW": {f"aborted, as before, {NO_MEMORY}", f"52, as before, {UNPARSED}",
                  "52, as before, says Failed to parse the tavrin configure file.", "12, as before",
-                 WHOLE,  # the question whether the file is the run log goes unanswered
+                 WHOLE,  # memory that could not be given back does no harm
                  *SESSION_UNPARSED},
 }
 
@@ -146,7 +146,8 @@ GET_FAULTS = {
 }
 
 PATH = "root/ConnectionType/TYPE/connections"
-SET_UNANSWERED = {WHOLE, "0, whole, does less", ICON, "0, whole, does less, says less"}
+SET_CUT_OFF = {WHOLE, "0, whole, does less", ICON}
+SET_UNANSWERED = {*SET_CUT_OFF, "0, whole, does less, says less"}
 IMPORT_NO_DOCUMENT = f"aborted, nothing imported, {NO_MARKUP}"
 
 
@@ -154,11 +155,12 @@ def believed(path):
     """A line of a listing is believed, wherever it was cut off."""
     return {f"0, whole, does less, runs delete {path}",
             f"0, whole, does less, runs delete {path}, says less, the client says why",
-            f"{ICON}, runs get {path}/hasDesktopIcon, runs commit {path}",
-            f"{ICON}, runs get {path}/hasDesktopIcon, runs commit {path}, the client says why"}
+            f"{ICON}, runs get {path}/hasDesktopIcon, runs commit {path}"}
 
 
-CUT_OFF = believed("root/ConnectionType/")
+CUT_OFF = {*believed("root/ConnectionType/"),
+           f"{ICON}, runs get root/ConnectionType//hasDesktopIcon, "
+           "runs commit root/ConnectionType/, the client says why"}
 STATUS_READ = {*NOT_CONTAINED, *MERGE_LEFT_OUT, f"{OTHER_BUILD}, says less"}
 
 SET_FAULTS = {
@@ -167,12 +169,12 @@ SET_FAULTS = {
     "nothing": {*SET_UNANSWERED, *MERGE_LEFT_OUT},
     **dict.fromkeys(("empty", "one-word", "long-line", "nuls"),
                     {*SET_UNANSWERED, IMPORT_NO_DOCUMENT}),
-    "three-words": {*SET_UNANSWERED, IMPORT_NO_DOCUMENT, *(
+    "three-words": {*SET_UNANSWERED - {ICON}, IMPORT_NO_DOCUMENT, *(
         f"0, whole, does less, runs set {path}" for path in (
             f"{PATH}/ID/hasDesktopIcon rubbish", f"{PATH}/rubbish/autostart 1",
             "root/ConnectionType/rubbish/connections/ID/autostart 1"))},
-    **dict.fromkeys(("a-nul", "half"), {*SET_UNANSWERED, *UNMERGED, *CUT_OFF}),
-    "all-but-the-end": {*SET_UNANSWERED, *UNMERGED, *believed(f"{PATH}/I"), *(
+    **dict.fromkeys(("a-nul", "half"), {*SET_CUT_OFF, *UNMERGED, *CUT_OFF}),
+    "all-but-the-end": {*SET_CUT_OFF, *UNMERGED, *believed(f"{PATH}/I"), *(
         f"0, whole, does less, runs set {path}/autostart 1" for path in (
             f"{PATH}/I", "root/ConnectionType/freerd/connections/ID"))},
     "crlf": {WHOLE, f"0, whole, does less, runs delete {PATH}/ID\\r",

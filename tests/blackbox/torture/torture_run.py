@@ -1,8 +1,8 @@
 """Runs in which one thing goes wrong, many of them on one device, and what every run has to keep.
 
 A `Bench` is a device with a scenario made ready on it. Its runs are started by one shell that stays
-on the device; folders are put back between them from outside. `told` sums a run up in one line, after
-it has checked what holds for every run, so that a table can say which lines are allowed.
+on the device; folders are put back between them from outside. `told` sums a run up in one line,
+after it has checked what holds for every run, so that a table can say which lines are allowed.
 """
 
 import os
