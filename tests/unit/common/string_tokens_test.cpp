@@ -175,6 +175,11 @@ TEST(TrimString, WhiteSpaceOnlyBecomesEmptyInEachMode) {
     EXPECT_EQ(trimmed(" \r\n\t", kTrimBoth), "");
 }
 
+TEST(TrimString, AControlCharacterIsTrimmedAround) {
+    EXPECT_EQ(trimmed(" \x01 ", kTrimBoth), "\x01");
+    EXPECT_EQ(trimmed("\x01 ", kTrimBoth), "\x01");
+}
+
 TEST(TrimString, OneCharacterStays) {
     EXPECT_EQ(trimmed("x", kTrimBoth), "x");
     EXPECT_EQ(trimmed("  x", kTrimBoth), "x");

@@ -156,6 +156,9 @@ TEST(TinyXmlSteps, StringEqualMindsTheCaseUnlessTold) {
     EXPECT_FALSE(StringEqual("<?XML", "<?xml", false));
     EXPECT_TRUE(StringEqual("<?XML", "<?xml", true));
     EXPECT_TRUE(StringEqual("<?xml", "<?XmL", true));
+    EXPECT_TRUE(StringEqual("azAZ", "AZaz", true));
+    EXPECT_FALSE(StringEqual("@", "`", true));
+    EXPECT_FALSE(StringEqual("[", "{", true));
     EXPECT_FALSE(StringEqual("\xC4", "\xE4", true));
 }
 
@@ -187,6 +190,14 @@ TEST(TinyXmlSteps, ReadNameAtTheEndOfTextPointsAtTheNul) {
     std::string name;
     EXPECT_EQ(ReadName(text, name), text + 4);
     EXPECT_EQ(name, "name");
+}
+
+TEST(TinyXmlSteps, ReadTextLeavesNothingOfATextWithoutAnEnd) {
+    for (const char* text : {"", "text", "text>", "  "}) {
+        std::string out = "from before";
+        EXPECT_EQ(ReadText(text, out, "<"), nullptr);
+        EXPECT_EQ(out, "") << text;
+    }
 }
 
 // What ReadText makes of a text: "out|rest", or "null".

@@ -440,6 +440,21 @@ TEST(OutBuffer, MoreThan32BitsOfLengthIsALengthError) {
     EXPECT_STREQ(out.Text(), "abc");
 }
 
+TEST(OutBuffer, TheMostIsWhatLeavesRoomForTheSpareIn32Bits) {
+    constexpr std::size_t most = 0xFFFFFFFFU - 1024U;
+    const char nothing = '\0';
+    NTiXmlOutBuffer full;
+    full.Append({&nothing, most});
+    EXPECT_EQ(full.Length(), most);
+    NTiXmlOutBuffer over;
+    try {
+        over.Append({&nothing, most + 1});
+        FAIL() << "no exception";
+    } catch (const std::length_error& error) {
+        EXPECT_STREQ(error.what(), "XML text of 4 GiB or more");
+    }
+}
+
 TEST(OutBuffer, SmallAppendsEndBeforeTheLengthPasses32Bits) {
     NTiXmlOutBuffer out;
     // What is behind a NUL is only counted, so that the test needs the room but not the bytes.

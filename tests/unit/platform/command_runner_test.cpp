@@ -519,9 +519,15 @@ TEST_F(ShellPopen, WithoutPipeIsOne) {
 
 TEST_F(ShellPopen, WhenForkFailsIsMinusOneAndNothingStaysOpen) {
     const int before = lowest_free_descriptor();
+    const int next = dup(STDERR_FILENO);  // two are free when both ends have been closed
+    const int behind = lowest_free_descriptor();
+    close(next);
     failing_calls().fork = true;
     EXPECT_EQ(piped("echo out").started, -1);
     EXPECT_EQ(lowest_free_descriptor(), before);
+    EXPECT_EQ(dup(STDERR_FILENO), next);
+    EXPECT_EQ(lowest_free_descriptor(), behind);
+    close(next);
 }
 
 TEST_F(ShellPopen, WithoutStreamIsOneAndNothingStaysOpen) {

@@ -346,6 +346,7 @@ TEST_F(NetworkSettings, SettingCutOffAtTheEnd) {
     EXPECT_EQ(Setting("id", "dict entry("), "");
     EXPECT_EQ(Setting("id", "dict entr(\nstring \"id\"\nstring \"x\"\n"), "");
     EXPECT_EQ(Setting("id", "dict entry(\nstring \"id\""), "");
+    EXPECT_EQ(Setting("id", "dict entry(\nstring string \"id\"\nstring \"x\"\n"), "x");
     EXPECT_EQ(Setting("id", "dict entry(\nint32 5\nstring \"x\"\n"), "");
     EXPECT_EQ(Setting("id", "dict entry(\nstring \"\n"), "");
     EXPECT_EQ(Setting("id", ""), "");

@@ -700,6 +700,20 @@ TEST_F(SpawnedStream, HasWhatTheProgramPrints) {
     EXPECT_TRUE(has_no_child());
 }
 
+TEST_F(SpawnedStream, OfAMissingProgramWaitsForNoOtherChild) {
+    const pid_t other = fork();
+    if (other == 0) {
+        _exit(7);
+    }
+    {
+        const SpawnedOutput output({"no-such-program"});
+        EXPECT_EQ(output.Stream(), nullptr);
+    }
+    int status = 0;
+    EXPECT_EQ(waitpid(other, &status, 0), other);
+    EXPECT_EQ(WEXITSTATUS(status), 7);
+}
+
 TEST_F(SpawnedStream, OfNoOutput) {
     Programs().PutProgram("regsh", "exit 3\n");
     EXPECT_EQ(spawned_text({"regsh"}), "");

@@ -85,6 +85,7 @@ constexpr const char* kSystemInfos[] = {
     "PRODUCT_CONFIG=\"\xC3\xA9\"\n",
     "PRODUCT_CONFIG=\"\x7F\"\n",
     "A=1\nPRODUCT_CONFIG=none\nB=\"2\"\n",
+    "PRODUCT_CONFI=\"short\"\nPRODUCT_CONFIG=\"whole\"\n",
 };
 
 TEST_F(SystemIdentity, ProductConfigIsWhatThePipelineSays) {
