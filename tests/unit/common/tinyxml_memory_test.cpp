@@ -31,7 +31,7 @@ struct Allocations {
     long live = 0;
     std::size_t last_size = 0;  // that realloc was asked for
 
-    bool Refuses() {
+    [[gnu::no_sanitize_address]] bool Refuses() {
         if (!counted) {
             return false;
         }
@@ -39,7 +39,7 @@ struct Allocations {
         --until_failure;
         return refuses;
     }
-    void* Made(void* memory) {
+    [[gnu::no_sanitize_address]] void* Made(void* memory) {
         live += counted && memory != nullptr ? 1 : 0;
         return memory;
     }
@@ -54,7 +54,8 @@ void* refused() {
 }  // namespace
 
 // The program's own symbols come before the C library's, and hand on to them. With the address
-// sanitizer they hand on to its own: dlsym would start it too early.
+// sanitizer they hand on to its own: dlsym would start it too early. They are called before it has
+// started, so they do without it themselves.
 extern "C" {
 
 [[gnu::weak]] void* checked_malloc(std::size_t size) asm("__interceptor_malloc");
@@ -64,7 +65,7 @@ void* plain_malloc(std::size_t size) asm("__libc_malloc");
 void* plain_realloc(void* memory, std::size_t size) asm("__libc_realloc");
 void plain_free(void* memory) asm("__libc_free");
 
-void* malloc(std::size_t size) noexcept {
+[[gnu::no_sanitize_address]] void* malloc(std::size_t size) noexcept {
     if (allocations.Refuses()) {
         return refused();
     }
@@ -72,7 +73,7 @@ void* malloc(std::size_t size) noexcept {
     return allocations.Made(real(size));
 }
 
-void* realloc(void* memory, std::size_t size) noexcept {
+[[gnu::no_sanitize_address]] void* realloc(void* memory, std::size_t size) noexcept {
     if (allocations.Refuses()) {
         return refused();
     }
@@ -82,7 +83,7 @@ void* realloc(void* memory, std::size_t size) noexcept {
     return memory == nullptr ? allocations.Made(grown) : grown;
 }
 
-void free(void* memory) noexcept {
+[[gnu::no_sanitize_address]] void free(void* memory) noexcept {
     allocations.live -= allocations.counted && memory != nullptr ? 1 : 0;
     auto* const real = checked_free != nullptr ? checked_free : plain_free;
     real(memory);
