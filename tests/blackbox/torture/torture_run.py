@@ -81,13 +81,16 @@ class Bench:
     def __init__(self, device, scenario):
         self.device = device
         self.scenario = scenario
-        self.folder = device.folder / "torture"
-        self.answers = self.folder / "client"
+        # Below a folder that every way of making a device shows to its programs.
+        self.folder = device.folder / "client/torture"
+        self.answers = self.folder / "answers"
         self.answers.mkdir(parents=True)
         self.store = device.etc / "regsh/registry.db"
         self.kept = self.folder / "registry.db"
         device.run("true", **scenario.identity)
-        settings = {"FAULTY_REGSH": self.answers}
+        # With the library in its environment the shell has all on the device that it needs.
+        self.library = device.programs / "libfailing_calls.so"
+        settings = {"FAULTY_REGSH": self.answers, "LD_PRELOAD": self.library}
         if scenario.registry is not None:
             device.load_registry(scenario.registry)
             shutil.copyfile(self.store, self.kept)
@@ -113,9 +116,8 @@ class Bench:
     def _preload(self, settings):
         # The sanitizers' own library would otherwise insist on standing first.
         sanitizer = [*filter(None, [os.environ.get("ASAN_OPTIONS")]), "verify_asan_link_order=0"]
-        return {"LD_PRELOAD": self.device.programs / "libfailing_calls.so",
-                "FAIL_REPORT": self.folder / "report", "ASAN_OPTIONS": ":".join(sanitizer),
-                **settings}
+        return {"LD_PRELOAD": self.library, "FAIL_REPORT": self.folder / "report",
+                "ASAN_OPTIONS": ":".join(sanitizer), **settings}
 
     def _put_back(self, fault):
         device, scenario = self.device, self.scenario
