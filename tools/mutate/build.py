@@ -23,7 +23,9 @@ SWITCH = "tools/mutate/mutant_switch.h"
 PARSER_FLAGS = ["-x", "c++", "-std=c++20", "-D_GLIBCXX_ASSERTIONS"]
 # As the shipped build, which finds some errors by itself, but quicker to compile.
 COMPILER_FLAGS = ("-O1 -w -Wno-narrowing -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=3 "
-                  "-D_GLIBCXX_ASSERTIONS -fstack-protector-strong")
+                  "-D_GLIBCXX_ASSERTIONS -fstack-protector-strong "
+                  # A mutant that leaves a function where the compiler sees no way out ends there.
+                  "-fsanitize=return,unreachable -fsanitize-undefined-trap-on-error")
 QUICK = b"add_compile_options(-O0)\n"  # the tests themselves: compiling them takes the longest
 # Of the edits on a line that does not compile these go first.
 DOUBTFUL = ("return", "constant", "string", "boolean", "step", "arithmetic", "relation")
