@@ -1,5 +1,7 @@
 # Counters for lines and branches, as clang knows them from the source. They stand in a file that every run
 # of a program maps, so that nothing is lost of a run that is killed, aborts or becomes another program.
+# Many runs count in one file at once, and how often a condition was false is a difference of two counts:
+# no count may be lost.
 if(CORVIK_COVERAGE)
   if(NOT CMAKE_CXX_COMPILER_ID MATCHES "Clang")
     message(FATAL_ERROR "CORVIK_COVERAGE needs clang++")
@@ -13,6 +15,6 @@ if(CORVIK_COVERAGE)
   file(CONFIGURE OUTPUT ${counted} CONTENT "${patterns}" @ONLY)
   target_compile_options(corvik_core PUBLIC
     -fprofile-instr-generate=${PROJECT_BINARY_DIR}/counters/%c%m.profraw -fcoverage-mapping
-    -fprofile-list=${counted} "SHELL:-mllvm -runtime-counter-relocation")
+    -fprofile-update=atomic -fprofile-list=${counted} "SHELL:-mllvm -runtime-counter-relocation")
   target_link_options(corvik_core PUBLIC -fprofile-instr-generate)
 endif()
