@@ -981,6 +981,18 @@ TEST(TinyXmlGrowth, ATextThatCannotBeCutIsReleasedAllTheSame) {
     std::free(text);
 }
 
+TEST(TinyXmlGrowth, APrintedTextIsTakenOverAndGoesWithTheTree) {
+    allocations_of([] {
+        NTiXmlOutBuffer printed;
+        printed.AppendMarkup("printed");
+        NTiXmlElement root;
+        NTiXmlElement* const child = root.AddChildElement("name", std::move(printed));
+        ASSERT_NE(child, nullptr);
+        EXPECT_EQ(child->TextView(), "printed");
+    });
+    EXPECT_EQ(allocations.live, 0);
+}
+
 TEST(TinyXmlGrowth, APrintInManyPiecesIsMovedSeldom) {
     const long moves = allocations_of([] {
         NTiXmlOutBuffer out;
