@@ -1,7 +1,7 @@
 """What a run may come to when one thing fails: the lines of `torture_run.told` that are allowed.
 
-Result 0 stands where the description lets a failure pass; the rest of the line is then all that the
-failure may cost. "as before", "whole", "a part": the target of an export. "nothing imported",
+Result 0 stands where the tool takes a failure for none ("Fixed" in SECURITY.md); the rest of the line is
+all that the failure may cost. "as before", "whole", "a part": the target of an export. "nothing imported",
 "unmerged", "whole": what the client was given to import.
 """
 
