@@ -50,6 +50,12 @@ NOT_RUN = [
     ("docs/administrators.md", "apt purge corvik-dev-kit corvik",
      "removes; ./dev package does it in a bare Debian"),
     ("docs/registry.md", "device --keep trial --client ./regsh", "wants the reader's own client"),
+    ("docs/testing.md", "time CORVIK_BIN_DIR=build/release/bin /usr/bin/python3 -m pytest -q -n 2 "
+     "tests/blackbox/torture", "measures for a minute what the tests run"),
+    ("docs/testing.md", "CORVIK_LARGE=1 CORVIK_BIN_DIR=build/release/bin \\",
+     "needs gigabytes and minutes"),
+    ("docs/testing.md", "CORVIK_EXAMPLES=3000 CORVIK_BIN_DIR=build/release/bin \\",
+     "searches for a minute and more"),
 ]
 
 TEXT_COLUMNS, CODE_COLUMNS = 100, 80
