@@ -15,8 +15,10 @@ import pytest
 SOURCE = Path(__file__).resolve().parent.parent.parent
 sys.path.insert(0, str(SOURCE / "tools/mutate"))
 
+import build  # noqa: E402
 import find  # noqa: E402
 import rewrite  # noqa: E402
+import run  # noqa: E402
 
 TIME_LIMIT_SECONDS = 60
 SAMPLE = """\
@@ -211,3 +213,53 @@ def test_the_lines_stay_where_they_are(edits):
     lines = rewrite.write_switched(SAMPLE, switched).splitlines()
     assert [number for number, line in enumerate(lines) if "std::printf" in line] == [
         number for number, line in enumerate(SAMPLE.splitlines()) if "std::printf" in line]
+
+
+# --- the list of those that no test can find
+
+
+def results_of(code: str, *outcomes: str) -> list[run.Result]:
+    """Mutants that are the same in everything but the line, with what came of them."""
+    return [run.Result(f"common/a.cpp|f|constant|{code}|{code} + 1|{ordinal}", "constant", "common/a.cpp",
+                       ordinal, "f", code, f"{code} + 1", outcome)
+            for ordinal, outcome in enumerate(outcomes)]
+
+
+MUTANTS = [*results_of("1", "killed", "survived"), *results_of("2", "killed", "not compiled"),
+           *results_of("3", "killed", "not reached")]
+
+
+@pytest.mark.parametrize("row", [{"code": "4"}, {"code": "1", "function": "g"}, {"code": "1", "ordinal": 2}],
+                         ids=run.title_of)
+def test_a_row_that_stands_for_no_mutant_is_an_error(row, capsys):
+    assert not run.check_rows([row], MUTANTS, MUTANTS)
+    assert capsys.readouterr().out == f"survivors.toml: no such mutant: {run.title_of(row)}\n"
+
+
+@pytest.mark.parametrize("row", [{"code": "2"}, {"code": "1", "ordinal": 0}], ids=run.title_of)
+def test_a_row_whose_mutants_were_all_killed_is_named(row, capsys):
+    assert run.check_rows([row], MUTANTS, MUTANTS)
+    assert capsys.readouterr().out == f"survivors.toml: all killed: {run.title_of(row)}\n"
+
+
+@pytest.mark.parametrize("row", [{"code": "1"}, {"code": "3"}, {"code": "1", "ordinal": 1}, {}],
+                         ids=run.title_of)
+def test_a_row_that_is_needed_is_not_named(row, capsys):
+    assert run.check_rows([row], MUTANTS, MUTANTS)
+    assert capsys.readouterr().out == ""
+
+
+def test_a_row_is_not_named_while_some_of_its_mutants_were_not_tried(capsys):
+    rows = [{"code": "1"}, {"code": "2"}]
+    assert run.check_rows(rows, MUTANTS, MUTANTS[:1] + MUTANTS[2:3])
+    assert capsys.readouterr().out == ""
+
+
+@pytest.mark.parametrize("row", run.read_survivors(SOURCE / "tools/mutate/survivors.toml"),
+                         ids=lambda row: run.title_of(row)[:70])
+def test_the_sources_have_what_a_row_names(row):
+    """The quick part of it: which mutants a row stands for is found out when they are tried."""
+    files = [row["file"]] if "file" in row else build.list_sources(SOURCE)
+    text = find.squeeze("\n".join((SOURCE / file).read_text() for file in files))
+    assert row.get("function", "") in text
+    assert find.squeeze(row.get("code", "")) in text

@@ -1,7 +1,7 @@
 """Runs the tests that come by each mutant, and says which mutants they find.
 
     run.py --tree FOLDER --folder FOLDER [--sample N] [--seed TEXT] [--again] [--file PART]
-           [--unit]
+           [--unit] [--kind switched|alone]
 
 All mutants of connections/, platform/ and common/ are built at once (build.py), into a copy of the
 tree below --folder. The tests are run once without a mutant; each mutant is then tried by the tests
@@ -9,9 +9,11 @@ that came by it: unit tests of its own room first, those of other rooms, black-b
 likeliest and the quickest ahead. A mutant counts as killed when a test fails with it, or does not end.
 
 --sample N takes N mutants, the same ones for the same --seed. --again tries only those that survived
-the last run. --file takes those whose file holds PART, --unit runs the unit tests only. Results are
-kept below --folder. The status is 1 when tests find less than 95 % of the mutants, not counting those
-of which survivors.toml says why no test can.
+the last run. --file takes those whose file holds PART. --kind takes those that are built together,
+behind switches, or those that are compiled alone. --unit runs the unit tests only. Results are kept
+below --folder. The status is 1 when tests find less than 95 % of the mutants, not counting those of
+which survivors.toml says why no test can, and when a row of that file stands for no mutant at all. Rows
+whose mutants were all tried and killed are named.
 """
 
 import argparse
@@ -67,6 +69,11 @@ class Result:
     out_of_time: bool = False
     test: str = ""
     seconds: float = 0.0
+
+    @property
+    def ordinal(self) -> int:
+        """Tells it apart from those that are the same in everything but the line."""
+        return int(self.key.rsplit("|", maxsplit=1)[1])
 
 
 class Workers:
@@ -322,15 +329,16 @@ def sample_of(mutants: list[Mutant], count: int, seed: str) -> list[Mutant]:
     return sorted(mutants, key=place)[:count]
 
 
-NAMED = ("file", "function", "operator", "code", "becomes")
+NAMED = ("file", "function", "operator", "code", "becomes", "ordinal")
+Row = dict[str, str | int]  # of survivors.toml
 
 
-def explains(row: dict[str, str], result: Result) -> bool:
+def explains(row: Row, result: Result) -> bool:
     """Whether the row of survivors.toml stands for the mutant: what it does not name may be any."""
     return all(row.get(name, getattr(result, name)) == getattr(result, name) for name in NAMED)
 
 
-def read_survivors(path: Path) -> list[dict[str, str]]:
+def read_survivors(path: Path) -> list[Row]:
     rows = tomllib.loads(path.read_text(encoding="utf-8")).get("survivor", [])
     for row in rows:
         if not row.get("reason") or not set(row) <= {*NAMED, "reason"}:
@@ -338,7 +346,25 @@ def read_survivors(path: Path) -> list[dict[str, str]]:
     return rows
 
 
-def report(results: list[Result], survivors: list[dict[str, str]]) -> int:
+def title_of(row: Row) -> str:
+    return ", ".join(f"{name} {row[name]}" for name in NAMED if name in row)
+
+
+def check_rows(rows: list[Row], mutants: list[Result], results: list[Result]) -> bool:
+    """False when a row stands for none of the mutants there are. Says which rows are not needed."""
+    outcome_of = {result.key: result.outcome for result in results}
+    good = True
+    for row in rows:
+        meant = [outcome_of.get(mutant.key) for mutant in mutants if explains(row, mutant)]
+        if not meant:
+            print(f"survivors.toml: no such mutant: {title_of(row)}")
+            good = False
+        elif set(meant) <= {"killed", "not compiled"}:
+            print(f"survivors.toml: all killed: {title_of(row)}")
+    return good
+
+
+def report(results: list[Result], survivors: list[Row]) -> int:
     tried = [result for result in results if result.outcome != "not compiled"]
     killed = [result for result in tried if result.outcome == "killed"]
     unknown = [result for result in tried if result.outcome != "killed"
@@ -366,6 +392,7 @@ def read_arguments() -> argparse.Namespace:
     parser.add_argument("--again", action="store_true")
     parser.add_argument("--file", default="")
     parser.add_argument("--unit", action="store_true")
+    parser.add_argument("--kind", choices=("switched", "alone"))
     parser.add_argument("--jobs", type=int, default=os.cpu_count())
     return parser.parse_args()
 
@@ -373,6 +400,8 @@ def read_arguments() -> argparse.Namespace:
 def chosen_mutants(tree: MutatedTree, arguments: argparse.Namespace,
                    former: list[Result]) -> list[Mutant]:
     mutants = [mutant for mutant in tree.mutants() if arguments.file in mutant.file]
+    if arguments.kind:
+        mutants = [mutant for mutant in mutants if (mutant.number > 0) == (arguments.kind == "switched")]
     if arguments.again:
         survived = {result.key for result in former if result.outcome in ("survived", "not reached")}
         mutants = [mutant for mutant in mutants if mutant.key in survived]
@@ -410,7 +439,9 @@ def main() -> int:
         for result in runner.results(switched, alone):
             results.append(result)
             keep(result)
-    return report(results, read_survivors(arguments.tree / "tools/mutate/survivors.toml"))
+    rows = read_survivors(arguments.tree / "tools/mutate/survivors.toml")
+    rows_are_good = check_rows(rows, [result_of(mutant) for mutant in tree.mutants()], results)
+    return max(report(results, rows), 0 if rows_are_good else 1)
 
 
 if __name__ == "__main__":

@@ -6,11 +6,27 @@
 #include <gtest/gtest.h>
 
 #include <signal.h>
+#include <stdio.h>
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <utility>
+
+namespace {
+
+// The most that the next call of fwrite takes; 0: no limit.
+std::size_t next_write_takes = 0;
+
+}  // namespace
+
+// The program's own symbol comes before the C library's.
+extern "C" std::size_t fwrite(const void* data, std::size_t size, std::size_t count, FILE* stream) {
+    const std::size_t most = std::exchange(next_write_takes, 0);
+    return ::fwrite_unlocked(data, size, most == 0 ? count : std::min(count, most), stream);
+}
 
 namespace {
 
@@ -149,6 +165,13 @@ TEST_F(WriteFile, MissingFolderIsFalseAndCreatesNothing) {
 TEST_F(WriteFile, AFolderIsFalse) {
     EXPECT_FALSE(Write(folder_.Name(), "text"));
     EXPECT_TRUE(std::filesystem::is_directory(folder_.Name()));
+}
+
+TEST_F(WriteFile, AWriteThatTakesAPartGoesOnBehindIt) {
+    const std::string bytes = pattern(100);
+    next_write_takes = 10;
+    EXPECT_TRUE(writefile(folder_.Path("out").c_str(), bytes.data(), 50));
+    EXPECT_EQ(file_bytes(folder_.Path("out")), bytes.substr(0, 50));
 }
 
 TEST_F(WriteFile, AFullDeviceIsFalseForFewBytes) {

@@ -1,5 +1,7 @@
 #include "common/string_tokens.h"
 
+#include "tests/unit/common/last_allocation.h"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -223,6 +225,7 @@ TEST(HexEncode, EmptySeparatorIsNone) {
 
 TEST(HexEncode, SeparatorOfSeveralCharacters) {
     EXPECT_EQ(hex_encode("\x01\x02\x03", 3, ", "), "01, 02, 03");
+    EXPECT_EQ(hex_encode("ab", 2, " - "), "61 - 62");
 }
 
 TEST(HexEncode, OneByteHasNoSeparator) {
@@ -256,6 +259,18 @@ TEST(ByteBuffer, ANulStandsBehindTheBytesAfterEachAppend) {
         ASSERT_EQ(buffer.bytes()[buffer.count()], 0) << "after " << step + 1 << " bytes";
     }
     EXPECT_EQ(bytes_of(buffer), expected);
+}
+
+// The NUL behind the last byte is a part of what was asked for, however full the buffer is.
+TEST(ByteBuffer, HasRoomForItsNul) {
+    ByteBuffer buffer;
+    std::size_t room = 0;
+    for (int step = 0; step < 5000; ++step) {
+        last_allocation = 0;
+        buffer.append('x');
+        room = last_allocation == 0 ? room : last_allocation;
+        ASSERT_GT(room, static_cast<std::size_t>(buffer.count()));
+    }
 }
 
 TEST(HexDecode, BothCasesOfDigits) {

@@ -1,5 +1,7 @@
 #include "common/tinyxml_memory.h"
 
+#include "tests/unit/common/last_allocation.h"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -91,8 +93,11 @@ void plain_free(void* memory) asm("__libc_free");
 
 }  // extern "C"
 
+std::size_t last_allocation = 0;
+
 // Not inlined: the compiler would take malloc and free for a mismatch with the callers' operators.
 [[gnu::noinline]] void* operator new(std::size_t size) {
+    last_allocation = size;
     void* memory = std::malloc(size == 0 ? 1 : size);
     if (memory == nullptr) {
         throw std::bad_alloc();

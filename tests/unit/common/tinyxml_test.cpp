@@ -51,6 +51,15 @@ std::vector<std::string> child_texts(const NTiXmlElement& parent) {
     return texts;
 }
 
+// A view with a length of its own: only that is looked at.
+TEST(NTiXmlText, OfFourGibibytesIsNotViewable) {
+    const std::string text;
+    constexpr std::size_t longest = 0xFFFFFFFE;
+    EXPECT_TRUE(NTiXmlText::IsViewable({text.data(), longest}));
+    EXPECT_FALSE(NTiXmlText::IsViewable({text.data(), longest + 1}));
+    EXPECT_FALSE(NTiXmlText::IsViewable({text.data(), longest + 2}));
+}
+
 // x "1", a comment, y "2", a declaration, x "3".
 void add_x_y_x(NTiXmlElement& parent) {
     parent.AddChildElement("x", "1");

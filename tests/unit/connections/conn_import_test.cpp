@@ -1391,6 +1391,27 @@ TEST_F(MergeExistingConns, ExportThatDoesNotParseOnceMoreIsFalse) {
     EXPECT_EQ(printed(dir_of("connections", "")), Conns());
 }
 
+TEST_F(MergeExistingConns, ExportWithTextBehindEveryChildIsFalse) {
+    std::string text =
+        "<Profile>" + registry(dir_of("connections", "<NodeDir name=\"1\"/>")) + "</Profile>";
+    for (std::size_t at = 0; (at = text.find("</", at)) != std::string::npos; at += 6) {
+        text.insert(at, "text");
+    }
+    Holds(text);
+    EXPECT_FALSE(Merge(dir_of("connections", "")));
+    EXPECT_EQ(kWalkOver, told_);
+    EXPECT_EQ(printed(dir_of("connections", "")), Conns());
+}
+
+// A comment is printed without escapes: what was a comment only is markup then.
+TEST_F(MergeExistingConns, ExportWithACommentThatDoesNotParseOnceMoreIsFalse) {
+    Holds("<Profile>" + registry(dir_of("connections", conn("1", "A"))) +
+          "<!-- --&gt;&lt;x --></Profile>");
+    EXPECT_FALSE(Merge(dir_of("connections", "")));
+    EXPECT_EQ(kWalkOver, told_);
+    EXPECT_EQ(printed(dir_of("connections", "")), Conns());
+}
+
 TEST_F(MergeExistingConns, NewerLayoutKeepsOnlyTheDefaultConnection) {
     SetNewerLayout();
     Holds(document(conn("1", "A") + conn("2", "B")));

@@ -71,6 +71,12 @@ TEST(ImageIDText, OfUnknownPrefixPointsToTheRowOfT) {
     EXPECT_EQ(ImageID("X12abc78").format(), ImageID("T12abc78").format());
 }
 
+TEST(ImageIDText, OfAKnownPrefixPointsToItsRow) {
+    for (const char* text : {"D1ab1234", "M1ab1234", "T12abc78", "Z12abc78"}) {
+        EXPECT_EQ(ImageID(text).format()->prefix, text[0]);
+    }
+}
+
 TEST(ImageIDText, BehindEightCharactersIsNotLookedAt) {
     const ImageID id("DXST0019x");
     EXPECT_STREQ(id.text(), "DXST0019");
@@ -180,9 +186,9 @@ TEST(ImageIDPrefixes, DecideWithoutACode) {
         const char* text;
         std::int32_t type;
     };
-    for (const Row& row :
-         {Row{"DXxx0001", 5}, Row{"MXxx0001", 5}, Row{"TXXxxx01", 6}, Row{"ZXXxxx01", 6},
-          Row{"XXXxxx01", 5}, Row{"tXXxxx01", 5}, Row{"zXXxxx01", 5}, Row{" XXxxx01", 5}}) {
+    for (const Row& row : {Row{"DXxx0001", 5}, Row{"MXxx0001", 5}, Row{"TXXxxx01", 6},
+                           Row{"ZXXxxx01", 6}, Row{"XXXxxx01", 5}, Row{"tXXxxx01", 5},
+                           Row{"zXXxxx01", 5}, Row{" XXxxx01", 5}, Row{"[XXxxx01", 5}}) {
         EXPECT_EQ(ImageID(row.text).type(), row.type) << row.text;
         EXPECT_TRUE(ImageID(row.text).valid()) << row.text;
     }

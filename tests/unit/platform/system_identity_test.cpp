@@ -125,6 +125,8 @@ TEST_F(SystemIdentity, ProductConfigOfAPlainFileNeedsNoProgram) {
         SetProduct("Sylvex", value, "6.1");
         EXPECT_EQ(ProductConfig(), value);
     }
+    WriteSystemInfo("\n");
+    EXPECT_EQ(captured_stderr([] { EXPECT_EQ(ProductConfig(), ""); }), "");
 }
 
 TEST_F(SystemIdentity, ProductConfigOfAFileThatIsNotPlainNeedsPrograms) {

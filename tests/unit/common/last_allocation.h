@@ -1,0 +1,7 @@
+#pragma once
+
+#include <cstddef>
+
+// How many bytes operator new was asked for last. The operators themselves stand with the tests of
+// the memory of a tree.
+extern std::size_t last_allocation;
