@@ -110,6 +110,16 @@ std::size_t last_allocation = 0;
 [[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
     std::free(memory);
 }
+// Those of arrays are the same; the address sanitizer would have its own in their place.
+[[gnu::noinline]] void* operator new[](std::size_t size) {
+    return operator new(size);
+}
+[[gnu::noinline]] void operator delete[](void* memory) noexcept {
+    operator delete(memory);
+}
+[[gnu::noinline]] void operator delete[](void* memory, std::size_t) noexcept {
+    operator delete(memory);
+}
 
 namespace {
 
