@@ -6,6 +6,7 @@ makes the document refused, and with all such faults mended both parsers take it
 """
 
 import functools
+import html
 import os
 import re
 import subprocess
@@ -22,8 +23,10 @@ from kept_documents import NAME, NO_CHARACTER, NO_NAME, NO_UTF_8, NO_XML_CHARACT
 
 TEXT_AS_IS = "a text beside elements, from the registry or a session, is written as it is"
 MARKUP_AS_IS = "markup that is no element, from the registry or a session, is written as it is"
+NO_ELEMENT = "what an imported file has as the text of a session is no element, or nothing"
 
 ANY_START_TAG = re.compile(r'<[\w:.-]+(?: [\w:.-]+="[^"]*")*/?>')
+ANY_ELEMENT = re.compile(rb"<[\w:]")
 ATTRIBUTE = re.compile(r' ([\w:.-]+)="[^"]*"')
 # A start tag, a text on its line, and further in on the next line an element or a comment.
 BESIDE_ELEMENTS = re.compile(
@@ -39,6 +42,11 @@ def without_name(data: bytes, typed: str) -> bytes:
     inner = data[1 + len(name):]
     end = b"</" + name + b">\n"
     return b"<R" + (inner.removesuffix(end) + b"</R>\n" if inner.endswith(end) else inner)
+
+
+def within_an_element(data: bytes) -> bytes:
+    return b"<R>" + html.escape(data.decode("utf-8", "surrogateescape")).encode(
+        "utf-8", "surrogateescape") + b"</R>"
 
 
 def mend_text(mend: Callable[[str], str]) -> Callable[[bytes], bytes]:
@@ -74,20 +82,27 @@ MENDS = {
 
 @dataclass(frozen=True)
 class Read:
-    """A document to be read: a file, or what one carries as text. The typed name of its root, if any."""
+    """A document to be read: a file, or what one carries as text. The typed name of its root, if any.
+
+    Of a session file that an import wrote the text may be anything.
+    """
 
     where: str
     data: bytes
     typed: str | None = None
+    any_text: bool = False
 
     @functools.cached_property
     def faults(self) -> list[str]:
-        unnamed = self.typed is not None and not NAME.fullmatch(self.typed)
-        data = self.mended([NO_NAME] if unnamed else [])
-        return [NO_NAME] * unnamed + [fault for fault, mend in MENDS.items() if mend(data) != data]
+        first = [NO_NAME] if self.typed is not None and not NAME.fullmatch(self.typed) else []
+        if self.any_text and not ANY_ELEMENT.search(self.data):
+            first = [NO_ELEMENT]
+        data = self.mended(first)
+        return first + [fault for fault, mend in MENDS.items() if mend(data) != data]
 
     def mended(self, faults: list[str]) -> bytes:
         data = without_name(self.data, self.typed or "") if NO_NAME in faults else self.data
+        data = within_an_element(data) if NO_ELEMENT in faults else data
         for fault in faults:
             data = MENDS.get(fault, bytes)(data)
         return data
@@ -146,7 +161,10 @@ def reads(kept) -> list[Read]:
     """Every document once for each fault of its own: those of files, then those carried as text."""
     files = [Read(f"{role} {document}", document.data, document.typed)
              for role in ("connections", "export", "import") for document in kept[role]]
-    return files + [each for document in kept["connections"] for each in carried_by(document)]
+    sessions = [Read(f"session {document}", document.data, any_text=True)
+                for document in kept["session"]]
+    carried = [each for document in kept["connections"] for each in carried_by(document)]
+    return files + sessions + carried
 
 
 @pytest.fixture(scope="module")
@@ -191,7 +209,7 @@ def test_every_fault_makes_a_document_refused(reads, answers):
 
 def test_faults_occur(reads):
     assert ({fault for each in reads for fault in each.faults}
-            >= {NO_NAME, NO_UTF_8, TWICE, TEXT_AS_IS, MARKUP_AS_IS})
+            >= {NO_NAME, NO_UTF_8, TWICE, TEXT_AS_IS, MARKUP_AS_IS, NO_ELEMENT})
 
 
 @pytest.mark.parametrize("fault, text, typed", [
@@ -217,6 +235,23 @@ def test_a_fault_is_found_and_mended(tmp_path, fault, text, typed):
 def test_no_fault_is_found_in_xml(text):
     assert Read("", text, "R").faults == []
     assert events_of(text) is not None
+
+
+@pytest.mark.parametrize("text, faults", [
+    (b"", [NO_ELEMENT]), (b"size 80x24 & < ]]>", [NO_ELEMENT]), (b"<!-- x -->", [NO_ELEMENT]),
+    (b"\xff <", [NO_ELEMENT, NO_UTF_8]), (b"<S/>", [])])
+def test_a_session_file_may_hold_no_element(tmp_path, text, faults):
+    read = Read("", text, any_text=True)
+    assert read.faults == faults
+    documents = {text, read.mended(faults), *map(read.mended, all_but_one(faults))}
+    taken = {data for data, both in read_by_both(documents, tmp_path).items() if None not in both}
+    assert taken == {read.mended(faults)}
+
+
+@pytest.mark.parametrize("text", [b"<S>", b"<S>x</S", b"<S/>x", b"<S a='1' & ></S>"])
+def test_a_session_file_with_half_an_element_is_not_excused(tmp_path, text):
+    assert Read("", text, any_text=True).faults == []
+    assert read_by_both({text}, tmp_path)[text] == (None, None)
 
 
 def condensed(text: str) -> bytes:

@@ -15,6 +15,7 @@ from collections import Counter
 from dataclasses import dataclass, field
 from pathlib import Path
 
+import keep_documents
 from conftest import without_ways
 
 ROOT = Path(__file__).resolve().parents[3]
@@ -111,7 +112,24 @@ class Bench:
         words = " ".join(self.scenario.arguments)
         environment = " ".join(f"{name}={value}" for name, value in self._preload(settings).items())
         status, printed = self.session.run(f"{environment} corvik {words}")
-        return self._look(status, printed)
+        run = self._look(status, printed)
+        self._keep(run)
+        return run
+
+    def _keep(self, run):
+        """Hands over the whole documents of a run, for the tests that judge all documents."""
+        scenario = self.scenario
+        given = None if scenario.file is None else scenario.file.encode()
+        documents = [(keep_documents.IMPORT, data) for data in run.imports]
+        if given is None and run.file != BEFORE:
+            documents.append((keep_documents.CONNECTIONS, run.file))
+        told = "\n".join(run.messages)
+        documents += [(keep_documents.SESSION, data) for name, data in run.sessions.items()
+                      if given is not None and data != scenario.sessions.get(name, "").encode()
+                      and not keep_documents.told_unwritten(name, told)]
+        for role, data in documents if run.result in (0, -1) else []:
+            keep_documents.keep_found(role, data, ("corvik", *scenario.arguments),
+                                      None if role == keep_documents.CONNECTIONS else given)
 
     def _preload(self, settings):
         # The sanitizers' own library would otherwise insist on standing first.
