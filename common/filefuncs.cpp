@@ -29,7 +29,7 @@ bool readfile(const char* szfile, std::string& content) {
     if (!file) {
         return false;
     }
-    read_blocks(file.get(), kBlockSize, content);
+    read_blocks(file.get(), kBlockSize, ReadEnd::kNothingRead, content);
     return true;
 }
 

@@ -629,7 +629,7 @@ void NTiXmlDoc::ReadFile(const std::string& name) {
         throw NTiXmlException(kSource, 789, message, "");
     }
     std::string text;
-    read_blocks(file.get(), 1020, text);
+    read_blocks(file.get(), 1020, ReadEnd::kShortRead, text);
     if (std::ferror(file.get()) != 0) {
         throw NTiXmlException(kSource, 802, message, "");
     }

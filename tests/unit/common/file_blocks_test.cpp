@@ -1,6 +1,7 @@
 #include "common/file_blocks.h"
 
 #include "common/file_handle.h"
+#include "tests/unit/common/last_allocation.h"
 #include "tests/unit/common/test_folder.h"
 
 #include <gtest/gtest.h>
@@ -13,7 +14,9 @@
 #include <array>
 #include <cerrno>
 #include <cstddef>
+#include <cstdint>
 #include <cstdio>
+#include <filesystem>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -50,7 +53,7 @@ protected:
     std::string ReadBack(const std::string& bytes, std::size_t block_size) {
         const FileHandle file(std::fopen(folder_.Put("file", bytes).c_str(), "r"));
         std::string content;
-        read_blocks(file.get(), block_size, content);
+        read_blocks(file.get(), block_size, ReadEnd::kShortRead, content);
         EXPECT_TRUE(std::feof(file.get()));
         return content;
     }
@@ -106,7 +109,7 @@ TEST_F(FileBlocks, BlocksOfNulsLeaveNothing) {
 TEST_F(FileBlocks, WhatStandsInTheContentStays) {
     const FileHandle file(std::fopen(folder_.Put("file", "ab\0cd"s).c_str(), "r"));
     std::string content = "before ";
-    read_blocks(file.get(), 4, content);
+    read_blocks(file.get(), 4, ReadEnd::kShortRead, content);
     EXPECT_EQ(content, "before abd");
 }
 
@@ -114,23 +117,36 @@ TEST_F(FileBlocks, RoomForAllIsMadeAtOnceAndNoMore) {
     const std::string bytes = pattern(200'000);
     const FileHandle file(std::fopen(folder_.Put("file", bytes).c_str(), "r"));
     std::string content = pattern(100'000);
-    read_blocks(file.get(), kBlock, content);
+    read_blocks(file.get(), kBlock, ReadEnd::kShortRead, content);
     EXPECT_EQ(content, pattern(100'000) + bytes);
     EXPECT_LE(content.capacity(), 300'100U);
+}
+
+// A hole, as a disk leaves behind that lost power, takes no memory.
+TEST_F(FileBlocks, AFileLargerThanMemoryIsReadWhereWhatIsKeptFits) {
+    const std::string path = folder_.Put("file", "text");
+    std::filesystem::resize_file(path, 1'000'000);
+    const FileHandle file(std::fopen(path.c_str(), "r"));
+    std::string content = "before ";
+    most_allocation = 900'000;
+    read_blocks(file.get(), kBlock, ReadEnd::kShortRead, content);
+    most_allocation = SIZE_MAX;
+    EXPECT_EQ(content, "before text");
+    EXPECT_TRUE(std::feof(file.get()));
 }
 
 TEST_F(FileBlocks, BlocksOfTheRestOfAFileCountFromWhereItStands) {
     const FileHandle file(std::fopen(folder_.Put("file", "xab\0cdefg"s).c_str(), "r"));
     ASSERT_EQ(std::fgetc(file.get()), 'x');
     std::string content;
-    read_blocks(file.get(), 4, content);
+    read_blocks(file.get(), 4, ReadEnd::kShortRead, content);
     EXPECT_EQ(content, "abdefg");
 }
 
 TEST_F(FileBlocks, AFolderLeavesAnErrorAndNothing) {
     const FileHandle folder(std::fopen(folder_.Name().c_str(), "r"));
     std::string content;
-    read_blocks(folder.get(), kBlock, content);
+    read_blocks(folder.get(), kBlock, ReadEnd::kShortRead, content);
     EXPECT_EQ(content, "");
     EXPECT_TRUE(std::ferror(folder.get()));
 }
@@ -159,7 +175,7 @@ TEST(FileBlocksOfAPipe, PiecesDoNotMoveTheBlocks) {
         SlowSource source{bytes, piece};
         const FileHandle file(fopencookie(&source, "r", {read_piece, nullptr, nullptr, nullptr}));
         std::string content;
-        read_blocks(file.get(), kBlock, content);
+        read_blocks(file.get(), kBlock, ReadEnd::kShortRead, content);
         EXPECT_EQ(content, cut_blocks(bytes, kBlock)) << piece;
     }
 }
@@ -180,7 +196,7 @@ TEST(FileBlocksOfAPipe, APipeThatAWriterFillsSlowly) {
     });
     const FileHandle file(::fdopen(ends[0], "r"));
     std::string content;
-    read_blocks(file.get(), kBlock, content);
+    read_blocks(file.get(), kBlock, ReadEnd::kShortRead, content);
     writer.join();
     EXPECT_EQ(content, cut_blocks(bytes, kBlock));
 }
@@ -204,13 +220,21 @@ ssize_t fail_once(void* cookie, char* to, std::size_t size) {
     return static_cast<ssize_t>(got);
 }
 
-TEST(FileBlocksOfAPipe, WhatComesBehindAnErrorIsNotRead) {
+std::string read_past_an_error(ReadEnd end) {
     FailingSource source;
     const FileHandle file(fopencookie(&source, "r", {fail_once, nullptr, nullptr, nullptr}));
     std::string content;
-    read_blocks(file.get(), 3, content);
-    EXPECT_EQ(content, "aaaaa");
+    read_blocks(file.get(), 3, end, content);
     EXPECT_TRUE(std::ferror(file.get()));
+    return content;
+}
+
+TEST(FileBlocksOfAPipe, AShortReadEndsAtAnError) {
+    EXPECT_EQ(read_past_an_error(ReadEnd::kShortRead), "aaaaa");
+}
+
+TEST(FileBlocksOfAPipe, UntilNothingIsReadGoesOnBehindAnError) {
+    EXPECT_EQ(read_past_an_error(ReadEnd::kNothingRead), "aaaaabbbbb");
 }
 
 }  // namespace

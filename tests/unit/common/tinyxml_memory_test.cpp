@@ -94,11 +94,12 @@ void plain_free(void* memory) asm("__libc_free");
 }  // extern "C"
 
 std::size_t last_allocation = 0;
+std::size_t most_allocation = SIZE_MAX;
 
 // Not inlined: the compiler would take malloc and free for a mismatch with the callers' operators.
 [[gnu::noinline]] void* operator new(std::size_t size) {
     last_allocation = size;
-    void* memory = std::malloc(size == 0 ? 1 : size);
+    void* memory = size > most_allocation ? nullptr : std::malloc(size == 0 ? 1 : size);
     if (memory == nullptr) {
         throw std::bad_alloc();
     }
