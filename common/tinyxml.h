@@ -495,6 +495,6 @@ bool StringEqual(const char* p, std::string_view tag, bool ignore_case);
 // The position behind the name, or null when no name starts at p. It is the terminating NUL when
 // the text ends inside the name.
 const char* ReadName(const char* p, std::string& name);
-// The position behind end_tag (whose first byte must be no letter), or null when the text ends or
-// holds "<" or ">" before it. `out` gets the text with white space condensed and entities decoded.
+// The position behind end_tag, or null when the text ends or holds "<" or ">" before it. `out` gets
+// the text up to there with white space condensed and entities decoded.
 const char* ReadText(const char* p, std::string& out, std::string_view end_tag);

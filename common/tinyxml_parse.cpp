@@ -136,7 +136,6 @@ public:
     const char* Read(const char* p, const End& end) {
         const char* start = skip_white(p);
         changed_ = false;
-        text_ = "";
         for (p = find_stop(start, End::stops);; p = find_stop(p + 1, End::stops)) {
             if (end.IsAt(p)) {
                 text_ = between(start, p);
@@ -148,6 +147,7 @@ public:
                 return following + end.size;
             }
             if (*following == '<' || *following == '>' || *following == '\0') {
+                text_ = between(start, p);
                 return nullptr;
             }
             const bool changes = *p == '&' || following > p + 1 || (following > p && *p != ' ');

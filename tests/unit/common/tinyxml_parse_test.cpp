@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <map>
 #include <memory>
 #include <optional>
 #include <ostream>
@@ -192,11 +193,15 @@ TEST(TinyXmlSteps, ReadNameAtTheEndOfTextPointsAtTheNul) {
     EXPECT_EQ(name, "name");
 }
 
-TEST(TinyXmlSteps, ReadTextLeavesNothingOfATextWithoutAnEnd) {
-    for (const char* text : {"", "text", "text>", "  "}) {
+TEST(TinyXmlSteps, ReadTextOfATextWithoutAnEndLeavesWhatItRead) {
+    const std::map<const char*, const char*> texts = {
+        {"", ""},       {"  ", ""},         {"text", "text"},   {"text>more", "text"},
+        {" a >b", "a"}, {"a  b >c", "a b"}, {"a&amp;>b", "a&"}, {"a  ", "a"},
+        {"a&", "a&"},   {"a \n<b", "a"}};
+    for (const auto& [text, left] : texts) {
         std::string out = "from before";
-        EXPECT_EQ(ReadText(text, out, "<"), nullptr);
-        EXPECT_EQ(out, "") << text;
+        EXPECT_EQ(ReadText(text, out, "]"), nullptr);
+        EXPECT_EQ(out, left) << text;
     }
 }
 
