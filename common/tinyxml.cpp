@@ -58,8 +58,7 @@ const NTiXmlAttribute* NTiXmlNode::FindAttribute(const char* name) const {
     return name == nullptr ? nullptr : Find(name);
 }
 
-const std::string* NTiXmlNode::AttributeValue(const char* name) const {
-    NTiXmlAttribute* attribute = name == nullptr ? nullptr : Find(name);
+const std::string* NTiXmlNode::ValueOf(NTiXmlAttribute* attribute) const {
     if (attribute == nullptr) {
         return nullptr;
     }
@@ -69,8 +68,12 @@ const std::string* NTiXmlNode::AttributeValue(const char* name) const {
     return attribute->value_.String();
 }
 
+const std::string* NTiXmlNode::AttributeValue(const char* name) const {
+    return name == nullptr ? nullptr : ValueOf(Find(name));
+}
+
 const std::string* NTiXmlNode::AttributeValue(const std::string& name) const {
-    return AttributeValue(name.c_str());
+    return ValueOf(Find(name));
 }
 
 std::optional<std::string_view> NTiXmlNode::AttributeView(std::string_view name) const {
@@ -105,7 +108,15 @@ void NTiXmlNode::CopyAttributesTo(NTiXmlNode* target) const {
 }
 
 NTiXmlElement* NTiXmlElement::ChildElement(const char* name, int index) const {
-    if (name == nullptr || index < 0) {
+    return name == nullptr ? nullptr : FindChild(name, index);
+}
+
+NTiXmlElement* NTiXmlElement::ChildElement(const std::string& name, int index) const {
+    return FindChild(name, index);
+}
+
+NTiXmlElement* NTiXmlElement::FindChild(std::string_view name, int index) const {
+    if (index < 0) {
         return nullptr;
     }
     NTiXmlElementCursor child(*this, name);
@@ -113,10 +124,6 @@ NTiXmlElement* NTiXmlElement::ChildElement(const char* name, int index) const {
         child.Next();
     }
     return child.Get();
-}
-
-NTiXmlElement* NTiXmlElement::ChildElement(const std::string& name, int index) const {
-    return ChildElement(name.c_str(), index);
 }
 
 NTiXmlElement* NTiXmlElement::ChildElementAt(int index) const {

@@ -305,6 +305,7 @@ private:
     friend class NTiXmlRow<NTiXmlNode>;
 
     NTiXmlAttribute* Find(std::string_view name) const;
+    const std::string* ValueOf(NTiXmlAttribute* attribute) const;  // null for null
 
     NTiXmlMemory* memory_ = nullptr;
     NTiXmlNode* next_ = nullptr;
@@ -391,6 +392,7 @@ public:
 
 private:
     friend class NTiXmlParser;
+    NTiXmlElement* FindChild(std::string_view name, int index) const;
     void RemoveAfter(NTiXmlNode* before);
     bool PrintStartTag(NTiXmlOutBuffer& out, int depth) const;
     void PrintEndTag(NTiXmlOutBuffer& out, int depth) const;

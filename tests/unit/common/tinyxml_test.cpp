@@ -163,6 +163,19 @@ TEST(TinyXmlElement, ChildElementByStringIsTheSame) {
     EXPECT_EQ(parent.ChildElement(std::string(), 0), nullptr);
 }
 
+TEST(TinyXml, NamesAreComparedAlsoBehindANul) {
+    NTiXmlElement parent;
+    parent.AddChildElement("x", "1");
+    parent.AddAttribute("x", "1");
+    const std::string longer("x\0y", 3);
+    EXPECT_EQ(parent.ChildElement(longer, 0), nullptr);
+    EXPECT_EQ(parent.AttributeValue(longer), nullptr);
+    const NTiXmlElement* child = parent.AddChildElement(longer, "2");
+    parent.AddAttribute(longer, "2");
+    EXPECT_EQ(parent.ChildElement(longer, 0), child);
+    EXPECT_EQ(*parent.AttributeValue(longer), "2");
+}
+
 TEST(TinyXmlElement, ChildElementWithoutNameIsNull) {
     NTiXmlElement parent;
     add_x_y_x(parent);
