@@ -320,9 +320,10 @@ int parse_export_text(const std::string& type, NTiXmlElement& file_root, std::st
         throw std::out_of_range("the registry export " + export_file(type) + " holds no \"<\"");
     }
     text.erase(0, start);
-    ParsedText parsed{std::make_unique<NTiXmlDoc>(std::move(text), false)};
+    ParsedText parsed;
     bool keeps = false;
     try {
+        parsed.document = std::make_unique<NTiXmlDoc>(std::move(text), false);
         parsed.document->Parse(nullptr);
         parsed.root = parsed.document->RootElement();
         if (parsed.root == nullptr) {
