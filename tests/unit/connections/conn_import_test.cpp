@@ -965,6 +965,34 @@ TEST_F(ExeWrite, SessionThatCannotBeWrittenDoesNotStopTheImport) {
     EXPECT_EQ(printed(document(conn("id", "A"))), Client().Imported());
 }
 
+// Whichever allocation fails: a session file is written in full, or a line names it, or the run
+// ends.
+TEST_F(ExeWrite, SessionThatMemoryDoesNotHoldIsTold) {
+    constexpr const char* kNotWritten = "Write file /etc/tavrin/connections/a.kss fail.\n";
+    const std::string text(1000, 'k');
+    const std::string file = file_text(entry("A", "Enabled=\"yes\" KSSFile=\"a\"", Kss(text)),
+                                       document(conn("id", "A")));
+    bool written = false;
+    int not_written = 0;
+    for (long allocations = 0; !written; ++allocations) {
+        const auto root = parsed(file);
+        fs::remove(std::string(kSessions) + "a.kss");
+        Run([&] {
+            allocations_left = allocations;
+            try {
+                exe_write(root.get(), "tavrin");
+            } catch (const std::bad_alloc&) {
+                // told once, by the run's end
+            }
+            allocations_left = -1;
+        });
+        written = fs::exists(std::string(kSessions) + "a.kss");
+        not_written += static_cast<int>(told_.find(kNotWritten) == 0);
+        EXPECT_EQ(written ? text : "", Session("a.kss")) << allocations;
+    }
+    EXPECT_GT(not_written, 0);
+}
+
 TEST_F(ExeWrite, ResultOfTheImportIsReturned) {
     EXPECT_EQ(52, Write("<X><General>x</General></X>"));
     fs::create_directory(kImport);

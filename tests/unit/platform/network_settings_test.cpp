@@ -139,6 +139,13 @@ TEST_F(NetworkSettings, PathWithoutNumberAsksForTheNumberBefore) {
     EXPECT_EQ(Asked(), std::string(kListCommand) + "\n" + asked_settings(4) + asked_settings(4));
 }
 
+TEST_F(NetworkSettings, NumberEndsBeforeALetter) {
+    SetListing("/org/freedesktop/NetworkManagerSettings/4a\n");
+    SetReply(4, kWireless);
+    EXPECT_EQ(find_wired_connection(), 4);
+    EXPECT_EQ(Asked(), std::string(kListCommand) + "\n" + asked_settings(4));
+}
+
 TEST_F(NetworkSettings, PathWithoutNumberAtTheStartAsksForZero) {
     SetListing("/org/freedesktop/NetworkManagerSettings/");
     SetReply(0, "");
