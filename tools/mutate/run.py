@@ -9,7 +9,7 @@ that came by it: unit tests of its own room first, those of other rooms, black-b
 likeliest and the quickest ahead. A mutant counts as killed when a test fails with it, or does not end.
 
 --sample N takes N mutants, the same ones for the same --seed. --again tries only those that survived
-the last run. --file takes those whose file holds PART. --kind takes those that are built together,
+the last run and are not explained in survivors.toml. --file takes those whose file holds PART. --kind takes those that are built together,
 behind switches, or those that are compiled alone. --unit runs the unit tests only. Results are kept
 below --folder. The status is 1 when tests find less than 95 % of the mutants, not counting those of
 which survivors.toml says why no test can, and when a row of that file stands for no mutant at all. Rows
@@ -150,6 +150,8 @@ class Runner:
         for test in self.tests:
             for number in test.reached:
                 self.by_mutant[number].append(test)
+        if not self.by_mutant:
+            raise SystemExit("no test comes by any mutant: is the checkout below a folder of the device?")
 
     def measure_tests(self) -> None:
         for program in UNIT_PROGRAMS:
@@ -338,6 +340,10 @@ def explains(row: Row, result: Result) -> bool:
     return all(row.get(name, getattr(result, name)) == getattr(result, name) for name in NAMED)
 
 
+def is_explained(rows: list[Row], result: Result) -> bool:
+    return any(explains(row, result) for row in rows)
+
+
 def read_survivors(path: Path) -> list[Row]:
     rows = tomllib.loads(path.read_text(encoding="utf-8")).get("survivor", [])
     for row in rows:
@@ -367,8 +373,8 @@ def check_rows(rows: list[Row], mutants: list[Result], results: list[Result]) ->
 def report(results: list[Result], survivors: list[Row]) -> int:
     tried = [result for result in results if result.outcome != "not compiled"]
     killed = [result for result in tried if result.outcome == "killed"]
-    unknown = [result for result in tried if result.outcome != "killed"
-               and not any(explains(row, result) for row in survivors)]
+    unknown = [result for result in tried
+               if result.outcome != "killed" and not is_explained(survivors, result)]
     for result in unknown:
         print(f"{result.file}:{result.line}: {result.function}: {result.operator} {result.outcome}: "
               f"{result.code} -> {result.becomes}")
@@ -397,13 +403,14 @@ def read_arguments() -> argparse.Namespace:
     return parser.parse_args()
 
 
-def chosen_mutants(tree: MutatedTree, arguments: argparse.Namespace,
-                   former: list[Result]) -> list[Mutant]:
+def chosen_mutants(tree: MutatedTree, arguments: argparse.Namespace, former: list[Result],
+                   rows: list[Row]) -> list[Mutant]:
     mutants = [mutant for mutant in tree.mutants() if arguments.file in mutant.file]
     if arguments.kind:
         mutants = [mutant for mutant in mutants if (mutant.number > 0) == (arguments.kind == "switched")]
     if arguments.again:
-        survived = {result.key for result in former if result.outcome in ("survived", "not reached")}
+        survived = {result.key for result in former
+                    if result.outcome in ("survived", "not reached") and not is_explained(rows, result)}
         mutants = [mutant for mutant in mutants if mutant.key in survived]
     if arguments.sample:
         mutants = sample_of(mutants, arguments.sample, arguments.seed)
@@ -420,7 +427,8 @@ def main() -> int:
     kept = tree.folder / "results.jsonl"
     former = [Result(**json.loads(line)) for line in kept.read_text().splitlines()] \
         if kept.exists() else []
-    mutants = chosen_mutants(tree, arguments, former)
+    rows = read_survivors(arguments.tree / "tools/mutate/survivors.toml")
+    mutants = chosen_mutants(tree, arguments, former, rows)
     switched = [mutant for mutant in mutants if mutant.number]
     print("Running the tests without a mutant", flush=True)
     runner = Runner(tree, arguments.jobs, not arguments.unit)
@@ -439,7 +447,6 @@ def main() -> int:
         for result in runner.results(switched, alone):
             results.append(result)
             keep(result)
-    rows = read_survivors(arguments.tree / "tools/mutate/survivors.toml")
     rows_are_good = check_rows(rows, [result_of(mutant) for mutant in tree.mutants()], results)
     return max(report(results, rows), 0 if rows_are_good else 1)
 
