@@ -9,11 +9,11 @@ that came by it: unit tests of its own room first, those of other rooms, black-b
 likeliest and the quickest ahead. A mutant counts as killed when a test fails with it, or does not end.
 
 --sample N takes N mutants, the same ones for the same --seed. --again tries only those that survived
-the last run and are not explained in survivors.toml. --file takes those whose file holds PART. --kind takes those that are built together,
-behind switches, or those that are compiled alone. --unit runs the unit tests only. Results are kept
-below --folder. The status is 1 when tests find less than 95 % of the mutants, not counting those of
-which survivors.toml says why no test can, and when a row of that file stands for no mutant at all. Rows
-whose mutants were all tried and killed are named.
+the last run and that survivors.toml does not explain. --file takes those whose file holds PART. --kind
+takes those that are built together, behind switches, or those that are compiled alone. --unit runs the
+unit tests only. Results are kept below --folder. The status is 1 when tests find less than 95 % of the
+mutants, not counting those of which survivors.toml says why no test can, and when a row of that file
+stands for no mutant at all. Rows whose mutants were all tried and killed are named.
 """
 
 import argparse
