@@ -194,6 +194,12 @@ def test_an_export_in_the_file_that_is_no_document(case, text, image_type):
     assert left == Left(emptied(image_type, remove=True), status=52, remove=True)
 
 
+def test_an_export_is_never_taken_for_the_name_of_a_file(case):
+    (case.device.home / "export.xml").write_text(ONE.printed())
+    left = case.set(connections_file("export.xml", entry("Office")))
+    assert left == Left(looked_up("freerdp"), status=52, home=["corvik.log", "export.xml", "in.xml"])
+
+
 def test_an_unusable_export_ends_before_icons_and_default(case):
     case.lists("freerdp", "a")
     case.value(DEFAULT, "id-1").value(THEME, "freerdp")

@@ -99,6 +99,23 @@ def test_names_of_elements_count_with_their_case(case):
     assert left == written()
 
 
+def test_the_name_of_the_terminal_is_not_read(case):
+    document = export(conn("id-1", "A"), conn("id-2", "B"))
+    file = tavrin(entry("A", TavrinName="B", KSSFile="a", children=[("KSS", "k")]), document=document)
+    assert case.set(file, "Tavrin") == written(a__kss="k", document=ONE)
+
+
+@pytest.mark.parametrize("name, comes_back_as", [
+    ("abc.kss", "abc.kss"), ("abc.xml", "abc.kss"), ("abc", "abc.kss"), ("a.b.kss", "a.kss")])
+def test_an_exported_session_comes_back_under_a_name_of_its_own(case, name, comes_back_as):
+    connections = folder("connections", conn("id-1", "A", key("kssName", name)))
+    case.holds(Element("Profile", children=[registry_of(connections)]))
+    (case.device.sessions / name).write_text("<kss/>")
+    assert case.device.corvik("-get", "Tavrin", "-f", "in.xml").status == 0
+    (case.device.sessions / name).unlink()
+    assert case.set(None, "Tavrin").sessions == {comes_back_as: "<kss/>"}
+
+
 def test_several_connections_and_a_name_used_twice(case):
     left = case.set(tavrin(
         entry("A", KSSFile="a", children=[("KSS", "1")]),
