@@ -40,9 +40,8 @@ def list_files(root: Path) -> list[str]:
     return [name for name in listed.decode().split("\0") if name and (root / name).is_file()]
 
 
-def list_sources(root: Path) -> list[str]:
-    """The sources of the three rooms."""
-    return sorted(str(path.relative_to(root)) for room in ROOMS
+def list_sources(root: Path, rooms: tuple[str, ...] = ROOMS) -> list[str]:
+    return sorted(str(path.relative_to(root)) for room in rooms
                   for path in (root / room).iterdir() if path.suffix in (".cpp", ".h"))
 
 
@@ -55,11 +54,17 @@ def write_if_changed(path: Path, data: bytes) -> None:
 
 
 class MutatedTree:
-    """The copy of the tree below `folder`, and what was built of it."""
+    """The copy of the tree below `folder`, and what was built of it.
 
-    def __init__(self, root: Path, folder: Path):
+    With `room`, only that one has mutants, and only what its unit tests need is built.
+    """
+
+    def __init__(self, root: Path, folder: Path, room: str | None = None):
         self.root = root
         self.folder = folder
+        self.rooms = (room,) if room else ROOMS
+        self.unit_programs = (f"unit_{room}",) if room else UNIT_PROGRAMS
+        self.all_programs = ("device", *self.unit_programs) if room else PROGRAMS
         self.tree = folder / "tree"
         self.programs = folder / "programs"
         self.bin = self.programs / "bin"
@@ -69,7 +74,7 @@ class MutatedTree:
     # --- sources
 
     def copy(self) -> None:
-        sources = set(list_sources(self.root))
+        sources = set(list_sources(self.root, self.rooms))
         names = list_files(self.root)
         for name in names:
             path = self.tree / name
@@ -83,7 +88,7 @@ class MutatedTree:
                 path.unlink()
 
     def find(self) -> None:
-        for file in list_sources(self.root):
+        for file in list_sources(self.root, self.rooms):
             self.edits[file] = find_edits(self.root, file, [*PARSER_FLAGS, f"-I{self.root}"])
         number_same(self.mutants())
 
@@ -120,11 +125,13 @@ class MutatedTree:
         (self.programs / "pytest").mkdir(exist_ok=True)
 
     def targets(self) -> list[str]:
-        """All programs, and what the tests use beside them."""
+        """All programs, and what the black-box tests use beside them."""
+        if self.rooms != ROOMS:
+            return [*self.all_programs]
         texts = [path.read_text() for pattern in ("CMakeLists.txt", "*.cmake")
                  for path in (self.tree / "tests/support").rglob(pattern)]
         helpers = re.findall(r"^\s*add_(?:library|executable)\((\S+)", "\n".join(texts), re.MULTILINE)
-        return [*PROGRAMS, *helpers]
+        return [*self.all_programs, *helpers]
 
     def compile(self, targets: Iterable[str] = ()) -> str:
         """What the compiler says; empty when all is built."""
