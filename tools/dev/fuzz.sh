@@ -67,9 +67,10 @@ set -m
 trap 'for job in $(jobs -p); do kill -- "-$job" 2>/dev/null || true; done' EXIT
 trap 'exit 1' INT TERM
 for name in "${names[@]}"; do
-    if [[ $(jobs -rp | wc -l) -ge $side_by_side ]]; then
+    # More than once: it may tell of one that ended together with another.
+    while [[ $(jobs -rp | wc -l) -ge $side_by_side ]]; do
         wait -n || true
-    fi
+    done
     rm -f -- "$folder/$name/status" "$folder/$name/log"
     fuzz "$name" &
 done
