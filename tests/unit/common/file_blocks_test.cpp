@@ -215,7 +215,7 @@ ssize_t fail_once(void* cookie, char* to, std::size_t size) {
     if (call > 2) {
         return 0;
     }
-    const std::size_t got = std::min(size, std::size_t{5});
+    const std::size_t got = call == 0 ? 1 : std::min(size, std::size_t{5});
     std::fill_n(to, got, call == 0 ? 'a' : 'b');
     return static_cast<ssize_t>(got);
 }
@@ -230,11 +230,11 @@ std::string read_past_an_error(ReadEnd end) {
 }
 
 TEST(FileBlocksOfAPipe, AShortReadEndsAtAnError) {
-    EXPECT_EQ(read_past_an_error(ReadEnd::kShortRead), "aaaaa");
+    EXPECT_EQ(read_past_an_error(ReadEnd::kShortRead), "a");
 }
 
 TEST(FileBlocksOfAPipe, UntilNothingIsReadGoesOnBehindAnError) {
-    EXPECT_EQ(read_past_an_error(ReadEnd::kNothingRead), "aaaaabbbbb");
+    EXPECT_EQ(read_past_an_error(ReadEnd::kNothingRead), "abbbbb");
 }
 
 }  // namespace

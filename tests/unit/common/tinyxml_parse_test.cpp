@@ -176,7 +176,9 @@ TEST(TinyXmlSteps, ReadNameStartsWithALetterUnderscoreOrColon) {
     EXPECT_STREQ(ReadName(":a ", name), " ");
     EXPECT_EQ(name, ":a");
     for (const char* text : {"", "1a", "-a", ".a", " a", "=", "\xE4"}) {
+        name = "from before";
         EXPECT_EQ(ReadName(text, name), nullptr) << text;
+        EXPECT_EQ(name, "") << text;
     }
 }
 
@@ -216,6 +218,8 @@ TEST(TinyXmlSteps, ReadTextEndsBehindTheEndTag) {
     EXPECT_EQ(text_read("abc<d", "<"), "abc|d");
     EXPECT_EQ(text_read("abc-->d", "-->"), "abc|d");
     EXPECT_EQ(text_read("abc'", "'"), "abc|");
+    EXPECT_EQ(text_read("abcEnDd", "eNd"), "abc|d");
+    EXPECT_EQ(text_read("a&amp;cEnDd", "eNd"), "a&c|d");
     EXPECT_EQ(text_read("<", "<"), "|");
 }
 

@@ -1382,6 +1382,33 @@ TEST_F(MergeExistingConns, WantOfMemoryInTheMidstPasses) {
     }
 }
 
+TEST_F(MergeExistingConns, WantOfMemoryForAMomentPassesOrLeavesAllOut) {
+    const std::string own = dir_of("connections", conn("1", "A"));
+    Holds(document(conn("2", "B") + conn("3", "C")));
+    EXPECT_TRUE(Merge(own));
+    const std::string whole = Conns();
+    bool failed = true;
+    for (long allocations = 0; failed; ++allocations) {
+        const auto conns = parsed(own);
+        std::string expected;
+        Run([&] {
+            allocations_come_back = true;
+            allocations_left = allocations;
+            bool merged = false;
+            bool passed = false;
+            try {
+                merged = merge_existing_conns("ssh", conns.get());
+            } catch (const std::bad_alloc&) {
+                passed = true;
+            }
+            failed = std::exchange(allocations_left, -1) < 0;
+            allocations_come_back = false;
+            expected = passed ? ToString(*conns) : merged ? whole : printed(own);
+        });
+        EXPECT_EQ(expected, ToString(*conns)) << allocations;
+    }
+}
+
 TEST_F(MergeExistingConns, RegistryWithoutConnectionsIsFalse) {
     EXPECT_FALSE(Merge(dir_of("connections", conn("1", "A"))));
     EXPECT_EQ(kWalkOver + std::string(kNoGeneral), told_);

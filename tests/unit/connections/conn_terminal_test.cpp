@@ -10,10 +10,12 @@
 // The terminal emulator's session files in an export.
 
 long allocations_left = -1;
+bool allocations_come_back = false;
 
 // Not inlined: the compiler would take malloc and free for a mismatch with the callers' operators.
 [[gnu::noinline]] void* operator new(std::size_t size) {
     if (allocations_left == 0) {
+        allocations_left = allocations_come_back ? -1 : 0;
         throw std::bad_alloc();
     }
     if (allocations_left > 0) {

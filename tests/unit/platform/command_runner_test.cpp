@@ -467,6 +467,15 @@ TEST_F(ShellPopen, GivesStandardOutputAndStandardError) {
     EXPECT_EQ(piped("echo out; echo no >&2; exit 5"), (Outcome{0, "out\nno\n", 5}));
 }
 
+TEST_F(ShellPopen, TheShellHasThePipeAsItsOutputsOnly) {
+    EXPECT_EQ(piped("pipe=$(readlink /proc/$$/fd/1)\n"
+                    "for end in /proc/$$/fd/*; do\n"
+                    "    [ \"$(readlink \"$end\")\" != \"$pipe\" ] || printf '%s ' \"${end##*/}\"\n"
+                    "done")
+                  .output,
+              "1 2 ");
+}
+
 TEST_F(ShellPopen, OfNoOutput) {
     EXPECT_EQ(piped("exit 0"), (Outcome{0, "", 0}));
 }

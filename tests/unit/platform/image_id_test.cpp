@@ -311,6 +311,7 @@ TEST_F(SystemInfo, Versions) {
              Row{"zero", "", true, "Z", 6},          Row{"ZERO", "5", true, "T", 8},
              Row{"Zero", "4", true, "Z", 6},         Row{"smart", "6.1", false, "", 10},
              Row{"zeros", "6.1", false, "", 10},     Row{" standard", "6.1", false, "", 10},
+             Row{"x", "6.1", false, "", 10},
          }) {
         const ImageID id = OfProduct("Sylvex", row.configuration, row.version);
         const std::string which = std::string(row.configuration) + " " + row.version;
