@@ -4,7 +4,8 @@
 #
 # Runs each fuzz_NAME of the folder PROGRAMS for MINUTES, two at a time. TARGETS holds seeds and
 # dictionaries. In FOLDER/NAME stay the new inputs that reach more (corpus), those that made a finding
-# (found) and what the fuzzer printed (log). Fails when there is a finding or a target did not run.
+# (found), what the fuzzer printed (log) and its user and system time in seconds (computed): less than by
+# the clock where others compute, too. Fails when there is a finding or a target did not run.
 
 set -euo pipefail
 
@@ -21,22 +22,28 @@ fuzz() { # NAME
     rm -rf -- "$folder/$1/found"
     mkdir -p -- "$folder/$1/corpus" "$folder/$1/found"
     cd -- "$folder/$1"
+    TIMEFORMAT='%0U %0S'
     # The messages of the tool itself would be most of the log.
-    timeout --foreground --kill-after=10 $((seconds + 60)) "$program" -max_total_time="$seconds" \
-        -artifact_prefix=found/ -dict="$dictionary" -max_len=4096 -timeout=20 -rss_limit_mb=1024 \
-        -print_final_stats=1 -close_fd_mask=2 corpus "$seeds" >log 2>&1 </dev/null || status=$?
+    {
+        time timeout --foreground --kill-after=10 $((seconds + 60)) "$program" \
+            -max_total_time="$seconds" -artifact_prefix=found/ -dict="$dictionary" -max_len=4096 \
+            -timeout=20 -rss_limit_mb=1024 -print_final_stats=1 -close_fd_mask=2 corpus "$seeds" \
+            >log 2>&1 </dev/null
+    } 2>computed || status=$?
     echo "$status" >status
 }
 
 # One line for the target. Fails when it did not run clean to its end.
 report() { # NAME
-    local status=none runs found
+    local status=none runs found computed
     if [[ -f $folder/$1/status ]]; then
         status=$(<"$folder/$1/status")
     fi
     runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$folder/$1/log" 2>/dev/null || true)
     found=$(find "$folder/$1/found" -type f | wc -l)
-    printf 'fuzz_%-14s%12s runs, %d findings\n' "$1" "${runs:-0}" "$found"
+    computed=$(awk '{ print $1 + $2 }' "$folder/$1/computed" 2>/dev/null || true)
+    printf 'fuzz_%-14s%12s runs in %5s s of processor time, %d findings\n' "$1" "${runs:-0}" \
+        "${computed:-0}" "$found"
     if [[ $found -eq 0 && $status == 0 && ${runs:-0} -gt 0 ]]; then
         return 0
     fi
