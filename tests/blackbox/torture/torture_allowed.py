@@ -57,7 +57,7 @@ GET_CALLS = {
     "FAIL_STAT": {WHOLE},
     "FAIL_NEW": {f"aborted, as before, {NO_MEMORY}", f"52, as before, {UNPARSED}",
                  "52, as before, says Failed to parse the tavrin configure file.", "12, as before",
-                 WHOLE,  # memory that could not be given back does no harm
+                 WHOLE,  # room ahead of a file, or memory that could not be given back, does no harm
                  *SESSION_UNPARSED},
 }
 
@@ -119,7 +119,8 @@ SET_CALLS = {
     "FAIL_FFLUSH": {WHOLE, f"23, nothing imported, whole prepared, {NOT_WRITTEN}", *SESSION_TOLD},
     "FAIL_FCLOSE": {WHOLE, f"23, nothing imported, whole prepared, {NOT_WRITTEN}", *SESSION_TOLD},
     "FAIL_STAT": {WHOLE},
-    "FAIL_NEW": {*nothing_imported(NO_MEMORY), f"aborted, whole, {NO_MEMORY}",
+    "FAIL_NEW": {WHOLE,  # room ahead of a file, or memory that could not be given back, does no harm
+                 *nothing_imported(NO_MEMORY), f"aborted, whole, {NO_MEMORY}",
                  f"aborted, nothing imported, whole prepared, {NO_MEMORY}",
                  f"aborted, nothing imported, a.ws as before, {NO_MEMORY}", "52, nothing imported",
                  "52, whole", f"23, nothing imported, {NOT_WRITTEN}", *sessions("as before"),
