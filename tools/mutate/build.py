@@ -128,8 +128,9 @@ class MutatedTree:
         """All programs, and what the black-box tests use beside them."""
         if self.rooms != ROOMS:
             return [*self.all_programs]
-        texts = [path.read_text() for pattern in ("CMakeLists.txt", "*.cmake")
-                 for path in (self.tree / "tests/support").rglob(pattern)]
+        texts = [path.read_text() for folder in ("support", "guard")
+                 for pattern in ("CMakeLists.txt", "*.cmake")
+                 for path in (self.tree / "tests" / folder).rglob(pattern)]
         helpers = re.findall(r"^\s*add_(?:library|executable)\((\S+)", "\n".join(texts), re.MULTILINE)
         return [*self.all_programs, *helpers]
 
