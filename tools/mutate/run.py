@@ -142,7 +142,8 @@ class Runner:
     def blackbox_command(self, names: list[str], folder: Path, *more: str) -> list[str | Path]:
         return [PYTHON, "-m", "pytest", "-q", "-x", "--color=no", "--tb=no", "-rfE", "-p",
                 "no:cacheprovider", "--rootdir", self.tree.tree, "--basetemp", folder / "pytest",
-                *more, *(self.tree.tree / name for name in names)]
+                # Not as paths, of which a double slash in the name of a test would go.
+                *more, *(f"{self.tree.tree}/{name}" for name in names)]
 
     def blackbox_environment(self, folder: Path, **settings: str) -> dict[str, str]:
         return self.environment(
@@ -395,6 +396,12 @@ def report(results: list[Result], survivors: list[Row]) -> int:
     return 0 if 100 - missed >= LEAST_PERCENT else 1
 
 
+def read_results(kept: Path) -> list[Result]:
+    """The last result of each mutant."""
+    lines = kept.read_text().splitlines() if kept.exists() else []
+    return list({result.key: result for result in (Result(**json.loads(line)) for line in lines)}.values())
+
+
 def read_arguments() -> argparse.Namespace:
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n", maxsplit=1)[0])
     parser.add_argument("--tree", type=Path, required=True)
@@ -433,8 +440,7 @@ def main() -> int:
     tree.find()
     tree.build()
     kept = tree.folder / "results.jsonl"
-    former = [Result(**json.loads(line)) for line in kept.read_text().splitlines()] \
-        if kept.exists() else []
+    former = read_results(kept)
     rows = read_survivors(arguments.tree / "tools/mutate/survivors.toml")
     mutants = chosen_mutants(tree, arguments, former, rows)
     switched = [mutant for mutant in mutants if mutant.number]
@@ -450,8 +456,8 @@ def main() -> int:
         def keep(result: Result) -> None:
             stream.write(json.dumps(asdict(result)) + "\n")
             stream.flush()
-        for result in results:
-            keep(result)
+        for result in former if arguments.again else []:
+            keep(result)  # also of those that are tried again, should the run be broken off
         for result in runner.results(switched, alone):
             results.append(result)
             keep(result)
