@@ -260,6 +260,12 @@ def test_package_tool_that_is_not_usable_is_not_started(device, content):
     assert system.commands == ""
 
 
+def test_package_tool_of_one_byte_is_started(device):
+    system = system_with_package_tool(device, "\n")
+    result = system.run("install_strict", "a.deb")
+    assert (result.status, result.stdout, result.stderr) == (0, "true\n", "")
+
+
 def test_package_tool_that_is_a_folder_is_not_started(device):
     system = system_with_package_tool(device, None)
     (system.folder / "dpkg").mkdir()
