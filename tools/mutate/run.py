@@ -8,13 +8,14 @@ tree below --folder. The tests are run once without a mutant; each mutant is the
 that came by it: unit tests of its own room first, those of other rooms, black-box tests, the
 likeliest and the quickest ahead. A mutant counts as killed when a test fails with it, or does not end.
 
---sample N takes N mutants, the same ones for the same --seed. --again tries only those that survived
-the last run and that survivors.toml does not explain. --file takes those whose file holds PART. --kind
-takes those that are built together, behind switches, or those that are compiled alone. --unit runs the
-unit tests only; --room takes the mutants and the unit tests of one room, and builds nothing else: a
-quick sample. Results are kept below --folder. The status is 1 when tests find less than 95 % of the
-mutants, not counting those of which survivors.toml says why no test can, and when a row of that file
-stands for no mutant at all. Rows whose mutants were all tried and killed are named.
+--sample N takes N mutants, the same ones for the same --seed. --again goes on from the last run: it
+tries those that survived it and that survivors.toml does not explain, and those that have no result
+yet. --file takes those whose file holds PART. --kind takes those that are built together, behind
+switches, or those that are compiled alone. --unit runs the unit tests only; --room takes the mutants
+and the unit tests of one room, and builds nothing else: a quick sample. Results are kept below
+--folder. The status is 1 when tests find less than 95 % of the mutants, not counting those of which
+survivors.toml says why no test can, and when a row of that file stands for no mutant at all. Rows whose
+mutants were all tried and killed are named.
 """
 
 import argparse
@@ -423,9 +424,9 @@ def chosen_mutants(tree: MutatedTree, arguments: argparse.Namespace, former: lis
     if arguments.kind:
         mutants = [mutant for mutant in mutants if (mutant.number > 0) == (arguments.kind == "switched")]
     if arguments.again:
-        survived = {result.key for result in former
-                    if result.outcome in ("survived", "not reached") and not is_explained(rows, result)}
-        mutants = [mutant for mutant in mutants if mutant.key in survived]
+        settled = {result.key for result in former
+                   if result.outcome not in ("survived", "not reached") or is_explained(rows, result)}
+        mutants = [mutant for mutant in mutants if mutant.key not in settled]
     if arguments.sample:
         mutants = sample_of(mutants, arguments.sample, arguments.seed)
     return mutants
@@ -440,7 +441,8 @@ def main() -> int:
     tree.find()
     tree.build()
     kept = tree.folder / "results.jsonl"
-    former = read_results(kept)
+    known = {mutant.key for mutant in tree.mutants()}
+    former = [result for result in read_results(kept) if result.key in known]
     rows = read_survivors(arguments.tree / "tools/mutate/survivors.toml")
     mutants = chosen_mutants(tree, arguments, former, rows)
     switched = [mutant for mutant in mutants if mutant.number]
