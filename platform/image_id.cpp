@@ -24,6 +24,8 @@ constexpr std::array<ImageIDFormat, 4> kFormats{{
 }};
 constexpr const ImageIDFormat* kDefaultFormat = &kFormats[2];
 
+constexpr std::int32_t kHighest = 10000;  // a number has four digits at most
+
 struct CodeRow {
     const char* code;
     std::int32_t lowest;
@@ -32,23 +34,23 @@ struct CodeRow {
 };
 constexpr std::array<CodeRow, 18> kCodes{{
     {"ST", 0, 19, 1},
-    {"ST", 20, 10000, 4},
+    {"ST", 20, kHighest, 4},
     {"JP", 0, 10, 1},
-    {"JP", 11, 10000, 4},
+    {"JP", 11, kHighest, 4},
     {"TH", 0, 4, 1},
-    {"TH", 5, 10000, 4},
-    {"SQ", 0, 10000, 2},
-    {"QU", 0, 10000, 3},
-    {"K2", 0, 10000, 4},
-    {"AR", 0, 10000, 5},
-    {"CL", 0, 10000, 5},
-    {"KR", 0, 10000, 5},
-    {"310", 0, 10000, 5},
-    {"320", 0, 10000, 5},
-    {"321", 0, 10000, 5},
-    {"330", 0, 10000, 5},
-    {"410", 0, 10000, 7},
-    {"400", 0, 10000, 6},
+    {"TH", 5, kHighest, 4},
+    {"SQ", 0, kHighest, 2},
+    {"QU", 0, kHighest, 3},
+    {"K2", 0, kHighest, 4},
+    {"AR", 0, kHighest, 5},
+    {"CL", 0, kHighest, 5},
+    {"KR", 0, kHighest, 5},
+    {"310", 0, kHighest, 5},
+    {"320", 0, kHighest, 5},
+    {"321", 0, kHighest, 5},
+    {"330", 0, kHighest, 5},
+    {"410", 0, kHighest, 7},
+    {"400", 0, kHighest, 6},
 }};
 
 // The type of an identifier that no code row names.
