@@ -12,6 +12,8 @@ from registry_model import (DEFAULT, THEME, TYPE_NAMES, ConnectionsFile, Model, 
 
 # A search for more than the daily run has time for: CORVIK_EXAMPLES=1000
 EXAMPLES = int(os.environ.get("CORVIK_EXAMPLES", "20"))
+# For fewer than the daily run: CORVIK_IMAGE_TYPES="5 6 9"
+IMAGE_TYPES = os.environ.get("CORVIK_IMAGE_TYPES", "1 2 3 4 5 6 7 8 9 10").split()
 
 SESSION = b"<session>\n  <host>%s</host>\n  <keys mark=\"&quot;\">a &amp; b</keys>\n</session>\n"
 WINDOW = b"<window>\n  <size>80x24</size>\n</window>\n"
@@ -93,8 +95,9 @@ def after_import(file, model):
     return changed
 
 
-DEVICES = ([(image_type, False) for image_type in range(1, 11)]
-           + [(image_type, True) for image_type in (8, 9, 10)])
+DEVICES = [(image_type, zero) for zero in (False, True)
+           for image_type in (range(8, 11) if zero else range(1, 11))
+           if str(image_type) in IMAGE_TYPES]
 NAMES = [(image_type, zero, typed, registry_type) for image_type, zero in DEVICES
          for typed, registry_type in TYPE_NAMES[image_type] or [("ssh", "ssh"), ("Other", "Other")]]
 
