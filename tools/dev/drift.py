@@ -1281,8 +1281,9 @@ def check_image_ids(out: Differences, tree: Tree) -> None:
     """The completions find the image type by themselves."""
     text, shell = tree.read(IMAGE_ID), tree.read(SHARED_COMPLETION)
     rows: dict[str, list[tuple[int, int]]] = {}
-    for code, highest, kind in re.findall(r'{"(\w+)", \d+, (\d+), (\d+)}', text):
-        rows.setdefault(code, []).append((int(highest), int(kind)))
+    # The number of the last range of a code is not asked for.
+    for code, highest, kind in re.findall(r'{"(\w+)", \d+, (\d+|kHighest), (\d+)}', text):
+        rows.setdefault(code, []).append((highest, int(kind)))
     wanted = {}
     for code, ranges in rows.items():
         tests = [f'[ "$number" -le {highest} ] && echo {kind} || ' for highest, kind in ranges[:-1]]
