@@ -1280,7 +1280,7 @@ def check_types(out: Differences, tree: Tree) -> None:
 def check_image_ids(out: Differences, tree: Tree) -> None:
     """The completions find the image type by themselves."""
     text, shell = tree.read(IMAGE_ID), tree.read(SHARED_COMPLETION)
-    rows: dict[str, list[tuple[int, int]]] = {}
+    rows: dict[str, list[tuple[str, int]]] = {}
     # The number of the last range of a code is not asked for.
     for code, highest, kind in re.findall(r'{"(\w+)", \d+, (\d+|kHighest), (\d+)}', text):
         rows.setdefault(code, []).append((highest, int(kind)))
