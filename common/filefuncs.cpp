@@ -3,6 +3,7 @@
 #include "common/argument_check.h"
 #include "common/file_blocks.h"
 #include "common/file_handle.h"
+#include "common/messages.h"
 #include "common/string_tokens.h"
 
 #include <cstdio>
@@ -63,7 +64,7 @@ NTiXmlElement* readfile2Ele(const char* szfile) {
     constexpr std::size_t most = std::numeric_limits<int>::max();
     std::string content;
     if (!readfile(szfile, content) || content.size() > most) {
-        std::fprintf(stderr, "Failed to read %s\n", szfile);
+        print_message("Failed to read %s\n", szfile);
         return nullptr;
     }
     auto element = std::make_unique<NTiXmlElement>();

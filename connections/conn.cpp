@@ -2,6 +2,7 @@
 
 #include "common/argument_check.h"
 #include "common/filefuncs.h"
+#include "common/messages.h"
 #include "common/result_codes.h"
 #include "common/run_options.h"
 #include "common/string_tokens.h"
@@ -40,10 +41,6 @@ constexpr unsigned kNewerLayoutType = 6;  // the image type with the newer regis
 
 // The commands of the export keep one character less than other formatted commands.
 constexpr std::size_t kExportCommandLimit = 1022;
-
-void tell(const char* message) {
-    std::fputs(message, stderr);
-}
 
 // The file that the registry client exports a type into.
 std::string export_file(const std::string& type) {
@@ -102,7 +99,7 @@ FoundLabel find_label(const std::string& type, const NTiXmlElement& dir) {
 
 void tell_missing_params(std::size_t count) {
     for (; count > 0; --count) {
-        tell("Could not find NodeParam. \n");
+        print_message("Could not find NodeParam. \n");
     }
 }
 
@@ -153,12 +150,12 @@ bool query_registry_value(const std::string& command, std::string& result) {
 std::string read_xml_file_string(const std::string& file) {
     std::string content;
     if (!readfile(file.c_str(), content)) {
-        std::fprintf(stderr, "read file %s fail\n", file.c_str());
+        print_message("read file %s fail\n", file.c_str());
         return "";
     }
     const ParsedText parsed = parse_text(content);
     if (parsed.document == nullptr) {
-        tell("Parse xml failed.\n");
+        print_message("Parse xml failed.\n");
     }
     return parsed.root == nullptr ? std::string() : ToString(*parsed.root);
 }
@@ -168,12 +165,12 @@ NTiXmlElement* get_ele_conns(const NTiXmlElement* pEle) {
                    {kUnit, __LINE__, "NTiXmlElement* get_ele_conns(const NTiXmlElement*)"});
     const NTiXmlElement* registry = pEle->ChildElement("ProfileRegistry", 0);
     if (registry == nullptr) {
-        tell("Could not find <ProfileRegistry>. \n");
+        print_message("Could not find <ProfileRegistry>. \n");
         return nullptr;
     }
     const NTiXmlElement* type_dir = registry->ChildElement("NodeDir", 0);
     if (type_dir == nullptr) {
-        tell("Could not find <NodeDir> - type. \n");
+        print_message("Could not find <NodeDir> - type. \n");
         return nullptr;
     }
     for (NTiXmlElementCursor dir(*type_dir, "NodeDir"); dir; dir.Next()) {
@@ -183,7 +180,7 @@ NTiXmlElement* get_ele_conns(const NTiXmlElement* pEle) {
             return dir.Get();
         }
     }
-    tell("Could not find <NodeDir> - connections. \n");
+    print_message("Could not find <NodeDir> - connections. \n");
     return nullptr;
 }
 
@@ -275,10 +272,10 @@ int attach_sessions_guarded(NTiXmlElement& file_root, const NTiXmlElement& expor
         attach_sessions(file_root, export_root);
     } catch (const NTiXmlException& error) {
         // A guard: the readers of session files catch their own.
-        std::fprintf(stderr, "Parse XML fail %s", error.Message());
+        print_message("Parse XML fail %s", error.Message());
         return kDocumentUnusable;
     } catch (const std::exception&) {
-        tell("Failed to parse the tavrin configure file.\n");
+        print_message("Failed to parse the tavrin configure file.\n");
         return kDocumentUnusable;
     }
     return kSuccess;
@@ -335,7 +332,7 @@ int parse_export_text(const std::string& type, NTiXmlElement& file_root, std::st
             add_general(file_root, *parsed.root);
         }
     } catch (const std::exception&) {
-        tell("Failed to parse the exported registry information.\n");
+        print_message("Failed to parse the exported registry information.\n");
         return kDocumentUnusable;
     }
     const int result =
@@ -444,7 +441,7 @@ bool add_conn(const std::string& type, NTiXmlElement* pRoot, const NTiXmlElement
         added = true;
         dir.Next();
     }
-    tell("Could not find <NodeDir> - UUID. \n");
+    print_message("Could not find <NodeDir> - UUID. \n");
     return added;
 }
 
@@ -505,12 +502,12 @@ int set_conn(const std::string& type, const std::string& file, const std::string
         const std::string text = std::move(document.Text());
         document.ParseCopied(text);
     } catch (const std::exception&) {
-        std::fprintf(stderr, "Failed to parse %s\n", file.c_str());
+        print_message("Failed to parse %s\n", file.c_str());
         return kConnectionsFileUnusable;
     }
     const NTiXmlElement* root = document.RootElement();
     if (root == nullptr) {
-        tell("Failed to get the root element.\n");
+        print_message("Failed to get the root element.\n");
         return kConnectionsFileUnusable;
     }
     const std::string registry_type = to_registry_type(type);
@@ -579,7 +576,7 @@ int write_conn_python(const NTiXmlElement* pRoot, const std::string& type, bool 
     }
     NTiXmlElement* general = pRoot->ChildElement("General", 0);
     if (general == nullptr) {
-        tell(kNoGeneral);
+        print_message(kNoGeneral);
         return kSuccess;
     }
     const ParsedText parsed = parse_text(general->Text());
@@ -592,7 +589,7 @@ int write_conn_python(const NTiXmlElement* pRoot, const std::string& type, bool 
     }
     const NTiXmlElement* first = conns->ChildElement("NodeDir", 0);
     if (first == nullptr) {
-        tell(kNoConnection);
+        print_message(kNoConnection);
         return kNoConnections;
     }
     const std::string word = shell_word(std::string(first->AttributeView("name").value_or("")));
@@ -608,7 +605,7 @@ int write_conn_python(const NTiXmlElement* pRoot, const std::string& type, bool 
 void remove_conns(const std::string& path) {
     std::vector<std::string> lines;
     if (!read_all_lines(format_command(kCommandLimit, "regsh get %s", path.c_str()), lines)) {
-        tell("popen() failure.\n");
+        print_message("popen() failure.\n");
         return;
     }
     std::string default_connection;
@@ -652,7 +649,7 @@ void write_session_file(const std::string& path, const NTiXmlElement& session) {
     try {
         write_xml_text_file(path, ToString(session));
     } catch (const std::exception&) {
-        std::fprintf(stderr, "Write file %s fail.\n", path.c_str());
+        print_message("Write file %s fail.\n", path.c_str());
     }
 }
 
@@ -663,11 +660,11 @@ void write_session_files(const NTiXmlElement& connection) {
     }
     const std::string* file = connection.AttributeValue("KSSFile");
     if (file == nullptr) {
-        tell("Could not find KSSFile. \n");
+        print_message("Could not find KSSFile. \n");
         return;
     }
     if (leaves_folder(*file)) {
-        std::fprintf(stderr, "Invalid session file name %s.\n", file->c_str());
+        print_message("Invalid session file name %s.\n", file->c_str());
         return;
     }
     write_session_file(kSessionFolder + *file + ".kss", *session);
@@ -683,7 +680,7 @@ int exe_write(const NTiXmlElement* pRoot, const std::string& type) {
                    {kUnit, __LINE__, "int exe_write(const NTiXmlElement*, const std::string&)"});
     NTiXmlElement* general = pRoot->ChildElement("General", 0);
     if (general == nullptr) {
-        tell(kNoGeneral);
+        print_message(kNoGeneral);
         return kSuccess;
     }
     std::list<std::string> enabled_names;
@@ -706,13 +703,13 @@ int exe_write(const NTiXmlElement* pRoot, const std::string& type) {
 bool write_xml_text_file(const std::string& path, const std::string& text) {
     const ParsedText parsed = parse_text(text);
     if (parsed.document == nullptr) {
-        tell("Parse xml failed.\n");
+        print_message("Parse xml failed.\n");
     }
     if (parsed.root == nullptr) {
         return false;
     }
     if (!write_text(path, parsed.root->TextView())) {
-        std::fprintf(stderr, "Write file %s fail.\n", path.c_str());
+        print_message("Write file %s fail.\n", path.c_str());
         return false;
     }
     return true;
@@ -740,7 +737,7 @@ void keep_enabled(const std::string& type, NTiXmlElement& conns, std::list<std::
         found->second.pop_back();
         dir.Next();
     }
-    tell(kNoConnection);
+    print_message(kNoConnection);
 }
 
 // Puts the device's own product configuration into the document. False, with a message, when the
@@ -750,7 +747,7 @@ bool set_product_config(NTiXmlElement& root) {
     for (const char* level : {"ProfileSettings", "Target", "Config"}) {
         config = config->ChildElement(level, 0);
         if (config == nullptr) {
-            std::fprintf(stderr, "Could not find <%s>. \n", level);
+            print_message("Could not find <%s>. \n", level);
             return false;
         }
     }
@@ -775,7 +772,7 @@ int disable_autostart_of(const std::string& type, const std::vector<std::string>
         command_status("regsh set " + connections_path(type) + "/" + shell_word(name) +
                        "/autostart 0");
     }
-    tell(kNoConnection);
+    print_message(kNoConnection);
     command_status(kCommitAll);
     return 1;
 }
@@ -799,7 +796,7 @@ int import_conns(const std::string& type, const std::string& exportText,
         return kSuccess;
     }
     if (!write_printed(kImportFile, *parsed.document)) {
-        std::fprintf(stderr, "Could not write %s, errno=.\n", kImportFile);
+        print_message("Could not write %s, errno=.\n", kImportFile);
         return kImportUnwritable;
     }
     // Only the names are needed from here on.
@@ -842,7 +839,7 @@ const NTiXmlElement* read_existing(const std::string& type, std::string& text,
     if (current.root == nullptr) {
         NTiXmlElement* general = scratch.ChildElement("General", 0);
         if (general == nullptr) {
-            tell(kNoGeneral);
+            print_message(kNoGeneral);
             return nullptr;
         }
         text = general->TextView();
@@ -909,7 +906,7 @@ public:
         const auto found = by_label_.find(fold_case(label));
         if (found == by_label_.end()) {
             tell_missing_params(missing_params_);
-            tell(kNoConnection);
+            print_message(kNoConnection);
             return nullptr;
         }
         tell_missing_params(found->second.missing_params);
@@ -952,7 +949,7 @@ int SetDefaultConnection(const NTiXmlElement* pRoot, const std::string& type) {
         {kUnit, __LINE__, "int SetDefaultConnection(const NTiXmlElement*, const std::string&)"});
     NTiXmlElement* general = pRoot->ChildElement("General", 0);
     if (general == nullptr) {
-        tell(kNoGeneral);
+        print_message(kNoGeneral);
         return kSuccess;
     }
     std::unique_ptr<LabelledConnections> connections;
@@ -983,7 +980,7 @@ int SetDefaultConnection(const NTiXmlElement* pRoot, const std::string& type) {
 void refresh_desktop_icons(const std::string& path) {
     std::vector<std::string> lines;
     if (!read_all_lines(format_command(kCommandLimit, "regsh get %s", path.c_str()), lines)) {
-        tell("popen() failure.\n");
+        print_message("popen() failure.\n");
         return;
     }
     for (const std::string& line : lines) {

@@ -1,5 +1,6 @@
 #include "main/command_line.h"
 
+#include "common/messages.h"
 #include "common/run_options.h"
 
 #include <strings.h>
@@ -114,5 +115,5 @@ void print_version() {
 }
 
 void print_syntax_error() {
-    std::fputs("The syntax is incorrect. \nTry \"corvik -h\" for more information. \n", stderr);
+    print_message("The syntax is incorrect. \nTry \"corvik -h\" for more information. \n");
 }

@@ -1,5 +1,6 @@
 #include "main/program.h"
 
+#include "common/messages.h"
 #include "common/result_codes.h"
 #include "common/run_options.h"
 #include "main/command_line.h"
@@ -8,6 +9,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 
 namespace {
@@ -27,10 +29,17 @@ void keep_standard_streams_apart() {
     }
 }
 
+// A caller that ignores the end of its children hands that on, and no command could be waited for:
+// each would seem to have failed.
+void be_told_of_commands_that_end() {
+    std::signal(SIGCHLD, SIG_DFL);
+}
+
 bool open_log() {
-    run_options.log.reset(std::fopen(kLogFile, "wb"));
+    // "e": no command gets it.
+    run_options.log.reset(std::fopen(kLogFile, "wbe"));
     if (!run_options.log) {
-        std::fputs("Failed to open corvik logger file.\n", stderr);
+        print_message("Failed to open corvik logger file.\n");
         return false;
     }
     std::fprintf(run_options.log.get(), "%s %s [%s] [%s] %d\r\n", run_options.type.c_str(),
@@ -68,6 +77,7 @@ int tell_usage() {
 
 int run_program(int argc, char* argv[]) {
     keep_standard_streams_apart();
+    be_told_of_commands_that_end();
     if (!parse_args(argc, argv)) {
         print_syntax_error();
         return kSyntaxError;

@@ -1,5 +1,6 @@
 #include "platform/os_subtype.h"
 
+#include "common/messages.h"
 #include "platform/command_runner.h"
 #include "platform/network_settings.h"
 
@@ -21,7 +22,7 @@ void run_lock_tool(const OSSubType& variant, const char* tool) {
     if (variant.has_fslock()) {
         shell_exec("%s", tool);
     } else {
-        std::fputs("Failed to detect fslock/fsunlock.\n", stderr);
+        print_message("Failed to detect fslock/fsunlock.\n");
     }
 }
 

@@ -1,5 +1,7 @@
 #include "platform/spawned_command.h"
 
+#include "common/messages.h"
+
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -108,8 +110,7 @@ int report_end(int status) {
     }
     const int signal = WTERMSIG(status);
     if (signal != SIGINT && signal != SIGPIPE) {
-        std::fprintf(stderr, WCOREDUMP(status) ? "%s (core dumped)\n" : "%s\n",
-                     ::strsignal(signal));
+        print_message(WCOREDUMP(status) ? "%s (core dumped)\n" : "%s\n", ::strsignal(signal));
     }
     return W_EXITCODE(kEndedBySignal + signal, 0);
 }

@@ -67,6 +67,9 @@ TABLES = {
     "kSource": "the unit that an exception keeps and nobody prints",
 }
 
+# What prints its arguments.
+PRINTING = {"puts", "fputs", "printf", "fprintf", "print_message"}
+
 # Literals that are no message though neither place nor form tells.
 SINGLE = {
     ("connections/conn.cpp", "New "): "the label of a connection that has none",
@@ -441,7 +444,7 @@ class Messages:
         thrown = [each for source in sources for each in self._thrown(source)]
         caught: dict[str, str] = {}  # class -> what is added behind its text
         for source in sources:
-            for name, bracket in source.calls({"puts", "fputs", "printf", "fprintf"}):
+            for name, bracket in source.calls(PRINTING):
                 self._take_printed(source, name, bracket)
             self._take_told(source, {kind for _, kind, _ in thrown}, caught)
         for place, kind, text in thrown:
@@ -477,13 +480,15 @@ class Messages:
         if name in ("fputs", "fprintf"):
             shown = arguments.pop(-1 if name == "fputs" else 0)
             stream = source.text(shown.begin)
+        if name == "print_message":
+            stream = "stderr"
         if stream not in ("stdout", "stderr"):
             self.log += [(source.place(bracket), in_holes(text))
                          for text in source.texts(arguments[0])]
             return
         function = source.function_at(bracket)[0]
         for text in source.texts(arguments[0]):
-            if "printf" in name:
+            if name.endswith(("printf", "message")):
                 text = in_holes(text)
             lines = lines_of(text)
             if function == "print_usage":
@@ -549,7 +554,7 @@ class Literals:
         holder = source.holder(at)
         if holder and any(self.stands_apart(source, use) for use in uses(source, holder)):
             return True
-        in_print = any(source.callee(each) in ("puts", "fputs", "printf", "fprintf", "tell")
+        in_print = any(source.callee(each) in (*PRINTING, "tell")
                        for each in source.brackets_around(at))
         formed = self.PATH.fullmatch(text) or self.ENDING.fullmatch(text)
         return bool(formed) and not in_print

@@ -48,6 +48,16 @@ def test_nothing_out_of_a_file_or_the_registry_stands_in_the_log(device):
         b"RDP out.xml [******] [******] 0\r\nrc=0\n")
 
 
+def test_a_client_cannot_write_into_the_log(device):
+    client = client_script(device, "for n in 3 4 5 6 7 8 9; do echo rc=1 >&$n; done 2>/dev/null\n"
+                                   'exec REGSH "$@"\n')
+    publish(device, "set", f"{PATH}/id-1/label", "A")
+    assert device.corvik("-get", "RDP", "-f", "out.xml", client=client).log == (
+        b"RDP out.xml [******] [******] 0\r\nrc=0\n")
+    assert device.corvik("-set", "RDP", "-f", "out.xml", client=client).log == (
+        b"RDP out.xml [******] [******] 0\r\nrc=0\n")
+
+
 # Messages
 
 def import_session(device, name):
