@@ -24,6 +24,7 @@ SCHEMAS = [f"{name}.{form}" for name in ("corvik-connections", "registry-export"
            for form in ("rnc", "rng", "xsd")]
 PAPERS = ["changelog.Debian.gz", "changelog.gz", "copyright"]
 DOCUMENTS = ["administrators.md", "file-format.md", "registry.md", "roads.svg"]
+UNITS = ["corvik-export@.service", "corvik-export@.timer"]
 SESSIONS = ["accounting.kss", "night_shift.kss", "night_shift.ws", "warehouse.kss", "warehouse.ws"]
 KIT = "usr/lib/corvik-dev-kit/bin"
 SHARED_KIT = "usr/share/corvik-dev-kit"
@@ -37,7 +38,8 @@ FILES = {
         "usr/share/man/man1/corvik.1.gz",
         "usr/share/man/man5/corvik-connections.5.gz",
         *(f"usr/share/corvik/schema/{name}" for name in SCHEMAS),
-        *(f"usr/share/doc/corvik/{name}" for name in [*PAPERS, "README.md"]),
+        *(f"usr/share/doc/corvik/{name}" for name in [*PAPERS, "README.md", "SECURITY.md"]),
+        *(f"usr/share/doc/corvik/examples/{name}" for name in UNITS),
         *(f"usr/share/doc/corvik/docs/{name}" for name in DOCUMENTS),
     },
     "corvik-dev-kit": {
@@ -120,7 +122,7 @@ def without_links(text: str) -> str:
 
 
 @pytest.mark.parametrize("name, least_links", [
-    ("README.md", 3), ("docs/administrators.md", 2), ("docs/file-format.md", 0),
+    ("README.md", 4), ("SECURITY.md", 2), ("docs/administrators.md", 2), ("docs/file-format.md", 0),
     ("docs/registry.md", 1)])
 def test_links_of_installed_documents_lead_somewhere(unpacked, name, least_links):
     document = unpacked / "usr/share/doc/corvik" / name
@@ -129,6 +131,12 @@ def test_links_of_installed_documents_lead_somewhere(unpacked, name, least_links
     assert [link for link in links if not (document.parent / link).exists()] == []
     assert len(links) >= least_links
     assert without_links(text) == without_links((TREE / name).read_text())
+
+
+def test_the_unit_starts_the_installed_program(unpacked):
+    unit = (unpacked / "usr/share/doc/corvik/examples" / UNITS[0]).read_text()
+    assert "\nExecStart=/usr/bin/corvik -get %i -f new.xml\n" in unit
+    assert "@CMAKE" not in unit
 
 
 @pytest.fixture

@@ -17,20 +17,24 @@ TEMPLATE = ROOT / "packaging/systemd/corvik-export@.service.in"
 
 # What SECURITY.md says that an administrator gets with it.
 PROMISED = {
-    "PrivateTmp": ["yes"], "ProtectSystem": ["strict"], "ProtectHome": ["yes"], "UMask": ["0077"],
+    **{name: ["yes"] for name in (
+        "PrivateTmp", "ProtectHome", "PrivateDevices", "ProtectClock", "ProtectControlGroups",
+        "ProtectHostname", "ProtectKernelLogs", "ProtectKernelModules", "ProtectKernelTunables",
+        "NoNewPrivileges")},
+    "ProtectSystem": ["strict"], "ProtectProc": ["invisible"], "UMask": ["0077"],
     "StateDirectoryMode": ["0700"], "ReadWritePaths": ["%S/corvik/%i"], "LimitCORE": ["0"],
-    "NoNewPrivileges": ["yes"], "CapabilityBoundingSet": [""], "MemoryMax": ["512M"],
-    "RestrictAddressFamilies": ["AF_UNIX"], "SystemCallArchitectures": ["native"],
+    "CapabilityBoundingSet": [""], "MemoryMax": ["512M"], "TasksMax": ["64"],
+    "RestrictAddressFamilies": ["AF_UNIX"], "IPAddressDeny": ["any"], "SystemCallArchitectures": ["native"],
     "SystemCallFilter": ["@system-service", "~@privileged @resources"], "Type": ["oneshot"],
     "TimeoutStartSec": ["10min"], "WorkingDirectory": ["%S/corvik/%i"],
 }
 FOLDERS_OF_ROOT = {"/usr/sbin", "/usr/bin", "/sbin", "/bin", "/usr/local/sbin", "/usr/local/bin"}
 
 
-def settings():
-    """Every setting of the template with its values, in order."""
+def settings(unit=TEMPLATE):
+    """Every setting of a unit with its values, in order."""
     found = {}
-    for line in TEMPLATE.read_text().splitlines():
+    for line in unit.read_text().splitlines():
         name, sign, text = line.partition("=")
         if sign and re.fullmatch(r"[A-Za-z]+", name):
             found.setdefault(name, []).append(text)
@@ -62,6 +66,11 @@ def office(device):
 @pytest.mark.parametrize("name", PROMISED)
 def test_what_is_promised_is_set(name):
     assert settings()[name] == PROMISED[name]
+
+
+def test_the_timer_starts_it_each_night():
+    timer = settings(TEMPLATE.with_name("corvik-export@.timer"))
+    assert (timer["OnCalendar"], timer["Persistent"]) == (["*-*-* 03:00:00"], ["yes"])
 
 
 def test_every_search_path_is_of_folders_of_root():

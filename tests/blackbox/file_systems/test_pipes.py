@@ -167,6 +167,14 @@ def test_a_reader_that_leaves_early_is_told(device, before, status, log):
     assert end.taken == b"<tavrin>\n "
 
 
+def test_a_pipe_in_the_place_of_the_exported_document_is_removed(device, make_device):
+    terminal = Terminal(device)
+    path, _ = lay_pipe(terminal, "tmp/tavrin.xml")
+    run = terminal.corvik("get", limit=LIMIT_SECONDS)
+    assert run == undisturbed(make_device, "get", "tmp/tavrin.xml")
+    assert not path.exists()
+
+
 def waiting(make_device, mode, place):
     """How a run ends that nobody at the other end of the pipe helps on."""
     terminal = Terminal(make_device(f"{mode} {place}".replace("/", "-")))
