@@ -255,6 +255,18 @@ def test_a_row_is_not_named_while_some_of_its_mutants_were_not_tried(capsys):
     assert capsys.readouterr().out == ""
 
 
+EXPLAINED = [{"code": "2"}]
+
+
+@pytest.mark.parametrize("killed, explained, unexplained, status_of_all, status_of_a_part", [
+    (95, 5, 0, 0, 0), (94, 6, 0, 1, 0), (95, 0, 5, 0, 0), (94, 0, 6, 1, 1), (0, 0, 0, 1, 0)])
+def test_what_is_asked_of_the_mutants(killed, explained, unexplained, status_of_all, status_of_a_part):
+    results = (results_of("1", *["killed"] * killed) + results_of("2", *["survived"] * explained)
+               + results_of("3", *["survived"] * unexplained, *["not compiled"] * 9))
+    assert run.report(results, EXPLAINED, True) == status_of_all
+    assert run.report(results, EXPLAINED, False) == status_of_a_part
+
+
 @pytest.mark.parametrize("row", run.read_survivors(SOURCE / "tools/mutate/survivors.toml"),
                          ids=lambda row: run.title_of(row)[:70])
 def test_the_sources_have_what_a_row_names(row):
