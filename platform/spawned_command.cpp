@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
+#include <utility>
 
 namespace {
 
@@ -65,6 +66,54 @@ public:
 private:
     std::array<struct sigaction, kKeyboardSignals.size()> before_{};
     sigset_t mask_{};
+};
+
+// One end of a pipe, closed with its owner.
+class PipeEnd {
+public:
+    explicit PipeEnd(int descriptor) : descriptor_(descriptor) {}
+    PipeEnd(const PipeEnd&) = delete;
+    PipeEnd& operator=(const PipeEnd&) = delete;
+    ~PipeEnd() { Close(); }
+
+    int Descriptor() const { return descriptor_; }
+    void Close() {
+        if (descriptor_ != -1) {
+            ::close(std::exchange(descriptor_, -1));
+        }
+    }
+    // A stream that owns the end from now on; null when there is no memory for it.
+    std::FILE* Stream() {
+        std::FILE* stream = ::fdopen(descriptor_, "r");
+        descriptor_ = stream == nullptr ? descriptor_ : -1;
+        return stream;
+    }
+
+private:
+    int descriptor_;
+};
+
+// What a program's descriptors become before it starts.
+class FileActions {
+public:
+    FileActions() : error_(::posix_spawn_file_actions_init(&actions_)) {}
+    FileActions(const FileActions&) = delete;
+    FileActions& operator=(const FileActions&) = delete;
+    ~FileActions() {
+        if (error_ == 0) {
+            ::posix_spawn_file_actions_destroy(&actions_);
+        }
+    }
+
+    const posix_spawn_file_actions_t* Get() const { return &actions_; }
+    // 0, or the error that says why it cannot be done.
+    int Redirect(int from, int to) {
+        return error_ != 0 ? error_ : ::posix_spawn_file_actions_adddup2(&actions_, from, to);
+    }
+
+private:
+    posix_spawn_file_actions_t actions_{};
+    int error_;
 };
 
 sigset_t no_signals() {
@@ -187,28 +236,18 @@ SpawnedOutput::SpawnedOutput(const std::vector<std::string>& words) {
     if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
         return;
     }
-    const auto [read_end, write_end] = ends;
-    const int error = Start(words, write_end);
-    ::close(write_end);
-    stream_ = error == 0 ? ::fdopen(read_end, "r") : nullptr;
+    PipeEnd read_end(ends[0]);
+    PipeEnd write_end(ends[1]);
+    const int error = Start(words, write_end.Descriptor());
+    write_end.Close();
+    stream_ = error == 0 ? read_end.Stream() : nullptr;
     needs_shell_ = error != 0 && concerns_the_program(error);
-    if (stream_ == nullptr) {
-        ::close(read_end);
-    }
 }
 
 int SpawnedOutput::Start(const std::vector<std::string>& words, int write_end) {
-    posix_spawn_file_actions_t actions;
-    int error = ::posix_spawn_file_actions_init(&actions);
-    if (error != 0) {
-        return error;
-    }
-    error = ::posix_spawn_file_actions_adddup2(&actions, write_end, STDOUT_FILENO);
-    if (error == 0) {
-        error = spawn(words, &actions, no_signals(), process_);
-    }
-    ::posix_spawn_file_actions_destroy(&actions);
-    return error;
+    FileActions actions;
+    const int error = actions.Redirect(write_end, STDOUT_FILENO);
+    return error != 0 ? error : spawn(words, actions.Get(), no_signals(), process_);
 }
 
 SpawnedOutput::~SpawnedOutput() {

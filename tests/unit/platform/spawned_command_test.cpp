@@ -14,6 +14,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
+#include <new>
 #include <ostream>
 #include <string_view>
 #include <tuple>
@@ -53,6 +55,32 @@ int prepare(Step step, const char* name, Arguments... arguments) {
 }
 
 }  // namespace
+
+namespace {
+
+// How many of the next allocations succeed; negative: all.
+long allocations_left = -1;
+
+}  // namespace
+
+// Not inlined: the compiler would take malloc and free for a mismatch with the callers' operators.
+[[gnu::noinline]] void* operator new(std::size_t size) {
+    if (allocations_left == 0) {
+        throw std::bad_alloc();
+    }
+    allocations_left -= allocations_left > 0 ? 1 : 0;
+    void* memory = std::malloc(size == 0 ? 1 : size);
+    if (memory == nullptr) {
+        throw std::bad_alloc();
+    }
+    return memory;
+}
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
+    std::free(memory);
+}
 
 // The program's own symbols come before the C library's, whose system and popen do not come here.
 extern "C" {
@@ -1006,6 +1034,27 @@ TEST_F(SpawnOrShell, GivesTheSignal) {
         EXPECT_THAT(answer.lines, ElementsAre("out\n"));
         EXPECT_THAT(answer.errors, Each(message));
     }
+}
+
+TEST_F(SpawnedStream, OfWhichThereIsNoMemoryLeavesNothingOpen) {
+    Programs().PutProgram("regsh", "exit 0\n");
+    const Words words = {"regsh", "get", "a"};
+    const std::vector<int> before = open_descriptors();
+    int refused = 0;
+    for (long most = 0; most <= refused; ++most) {
+        allocations_left = most;
+        try {
+            const SpawnedOutput output(words);
+            allocations_left = -1;
+            EXPECT_NE(output.Stream(), nullptr);
+        } catch (const std::bad_alloc&) {
+            allocations_left = -1;
+            ++refused;
+        }
+        EXPECT_EQ(open_descriptors(), before);
+    }
+    EXPECT_GE(refused, 1);
+    EXPECT_TRUE(has_no_child());
 }
 
 TEST_F(SpawnOrShell, GivesLongLinesAndNul) {
