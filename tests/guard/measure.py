@@ -230,6 +230,12 @@ def doublings(fixed, *doubled):
     return [(twice - fixed) / (once - fixed) for once, twice in zip(doubled, doubled[1:])]
 
 
+def told(own, everything):
+    """Both as pytest -rP shows them."""
+    return "; ".join(f"{kind} code: each doubling {', '.join(f'{each:.3f}' for each in costs)}"
+                     for kind, costs in (("own", own), ("all", everything)))
+
+
 def doublings_of_connections(counts, step, kind):
     return doublings(*(getattr(counts[step, size], kind) for size in (FIXED, SMALL, MIDDLE, LARGE)))
 

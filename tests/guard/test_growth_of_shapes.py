@@ -72,6 +72,7 @@ def costs_of(steps, shape, step, kind):
 def in_step(costs_by_kind):
     """Each doubling for the program's own code; the C library takes the steps of its buffers."""
     own, everything = (measure.doublings(*costs) for costs in costs_by_kind)
+    print(measure.told(own, everything))
     return max(own) <= measure.MOST_DOUBLING and math.prod(everything) <= measure.MOST_GROWTH
 
 
