@@ -10,7 +10,7 @@ import signal
 
 import pytest
 
-from file_system_support import (BEFORE, LOG, UNPARSED, WALK_OVER, Terminal, client_script, content,
+from file_system_support import (BEFORE, LOG, NO_IDENTITY, UNPARSED, WALK_OVER, Terminal, client_script, content,
                                  import_file)
 from import_run import NOTHING_TO_MERGE, key
 
@@ -72,7 +72,7 @@ def terminal(device):
     made = LargeTerminal(device)
     made.export.write_text(NOTHING_TO_MERGE.printed())
     yield made
-    for folder in (made.work, device.home, device.tmp, device.sessions):
+    for folder in (made.work, device.home, device.tmp, device.sessions, device.etc):
         for path in folder.iterdir():
             if path.is_file() and path.stat().st_size > MIB:
                 path.unlink()
@@ -137,6 +137,38 @@ def test_a_large_session_file_that_is_no_document(terminal, fill):
     fill(terminal.device.sessions / "a.kss")
     assert terminal.run("get") == (0, WALK_OVER + UNPARSED, LOG["get"] + b"rc=0\n")
     assert content(terminal.work / "out.xml") == without
+
+
+def in_front(path):
+    """Of 16 MiB: with the length of a line the time that grep takes for it grows by its square."""
+    path.write_bytes(b"x" * 16 * MIB + b"\n" + path.read_bytes())
+
+
+def behind(path):
+    with open(path, "ab") as file:
+        for piece in with_large_text(MARK):
+            file.write(piece)
+
+
+@pytest.mark.parametrize("name, enlarge", [("systeminfo", in_front), ("imageid", behind)])
+def test_a_large_text_beside_the_identity_does_no_harm(terminal, name, enlarge):
+    if name == "imageid":
+        terminal.named_by_imageid()
+    terminal.export.write_bytes(marked_export(terminal))
+    expected = terminal.done("get"), terminal.done("set")
+    enlarge(terminal.device.etc / name)
+    assert (terminal.done("get"), terminal.done("set")) == expected
+
+
+# Any eight characters in /etc/imageid name a build.
+@pytest.mark.parametrize("name, fill", [
+    ("systeminfo", fill_with_text), ("systeminfo", fill_with_a_hole), ("imageid", fill_with_a_hole)])
+def test_a_large_identity_that_names_no_build(terminal, name, fill):
+    if name == "imageid":
+        terminal.named_by_imageid()
+    fill(terminal.device.etc / name)
+    for mode in ("get", "set"):
+        assert terminal.run(mode) == (ABORTED, NO_IDENTITY, LOG[mode])
 
 
 def test_a_hole_behind_a_document_does_no_harm(terminal):
