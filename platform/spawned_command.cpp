@@ -14,7 +14,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
-#include <utility>
 
 namespace {
 
@@ -74,23 +73,24 @@ public:
     explicit PipeEnd(int descriptor) : descriptor_(descriptor) {}
     PipeEnd(const PipeEnd&) = delete;
     PipeEnd& operator=(const PipeEnd&) = delete;
-    ~PipeEnd() { Close(); }
-
-    int Descriptor() const { return descriptor_; }
-    void Close() {
-        if (descriptor_ != -1) {
-            ::close(std::exchange(descriptor_, -1));
+    ~PipeEnd() {
+        if (descriptor_) {
+            ::close(*descriptor_);
         }
     }
+
+    int Descriptor() const { return *descriptor_; }
     // A stream that owns the end from now on; null when there is no memory for it.
     std::FILE* Stream() {
-        std::FILE* stream = ::fdopen(descriptor_, "r");
-        descriptor_ = stream == nullptr ? descriptor_ : -1;
+        std::FILE* stream = ::fdopen(*descriptor_, "r");
+        if (stream != nullptr) {
+            descriptor_.reset();
+        }
         return stream;
     }
 
 private:
-    int descriptor_;
+    std::optional<int> descriptor_;
 };
 
 // What a program's descriptors become before it starts.
@@ -237,9 +237,8 @@ SpawnedOutput::SpawnedOutput(const std::vector<std::string>& words) {
         return;
     }
     PipeEnd read_end(ends[0]);
-    PipeEnd write_end(ends[1]);
-    const int error = Start(words, write_end.Descriptor());
-    write_end.Close();
+    // This end is closed behind it, so that the stream ends when the program does.
+    const int error = Start(words, PipeEnd(ends[1]).Descriptor());
     stream_ = error == 0 ? read_end.Stream() : nullptr;
     needs_shell_ = error != 0 && concerns_the_program(error);
 }
