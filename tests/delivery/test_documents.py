@@ -52,6 +52,8 @@ NOT_RUN = [
     ("docs/registry.md", "device --keep trial --client ./regsh", "wants the reader's own client"),
     ("docs/testing.md", "time CORVIK_BIN_DIR=build/release/bin /usr/bin/python3 -m pytest -q -n 2 "
      "tests/blackbox/torture", "measures for a minute what the tests run"),
+    ("docs/testing.md", "CORVIK_BIN_DIR=build/release/bin /usr/bin/python3 -m pytest -q -rP tests/guard",
+     "counts for half a minute what the tests run"),
     ("docs/testing.md", "CORVIK_LARGE=1 CORVIK_BIN_DIR=build/release/bin \\",
      "needs gigabytes and minutes"),
     ("docs/testing.md", "CORVIK_EXAMPLES=3000 CORVIK_BIN_DIR=build/release/bin \\",
