@@ -215,6 +215,29 @@ def test_the_lines_stay_where_they_are(edits):
         number for number, line in enumerate(SAMPLE.splitlines()) if "std::printf" in line]
 
 
+# --- which tests a mutant that is compiled alone is tried by
+
+
+class Tree:
+    """Of three files: one with mutants behind switches, one without, one that no test comes by."""
+
+    def mutants(self):
+        return [find.Mutant("constant", file, function, 1, "1", "2", number=number)
+                for file, function, number in (("a.cpp", "f", 1), ("a.cpp", "g", 2), ("a.cpp", "g", 0),
+                                               ("a.cpp", "h", 0), ("b.h", "kSize", 0), ("c.cpp", "f", 3))]
+
+
+@pytest.mark.parametrize("function, near", [("f", "F"), ("g", "G"), ("h", "FG"), ("kSize", "FGO")])
+def test_a_mutant_is_tried_by_the_tests_of_its_function_or_file_or_by_all(function, near):
+    runner = run.Runner.__new__(run.Runner)
+    runner.tree = Tree()
+    runner.tests = [run.Test("unit", name, 1, reached)
+                    for name, reached in (("F", {1}), ("G", {2}), ("O", {3}))]
+    runner.tests.append(run.Test("other program", "P", 1, {1, 2, 3}))
+    mutant = next(each for each in runner.tree.mutants() if each.function == function)
+    assert "".join(test.name for test in runner.tests_near(mutant, ("unit",))) == near
+
+
 # --- the list of those that no test can find
 
 

@@ -226,13 +226,14 @@ class Runner:
     # --- the mutants
 
     def tests_near(self, mutant: Mutant, programs: tuple[str, ...]) -> list[Test]:
-        """Those that come by other mutants of its function, or else of its file."""
+        """Those that come by other mutants of its function, or else of its file; all of them for what a
+        header names for others."""
         def collect(is_near: Callable[[Mutant], bool]) -> list[Test]:
             near = {each.number for each in self.tree.mutants() if is_near(each)}
             return [test for test in self.tests
                     if test.program in programs and test.reached & near]
         return collect(lambda each: (each.file, each.function) == (mutant.file, mutant.function)) \
-            or collect(lambda each: each.file == mutant.file)
+            or collect(lambda each: each.file == mutant.file) or collect(lambda each: True)
 
     def judge_alone(self, mutant: Mutant, folder: Path) -> Result:
         """A mutant that is not in the build: the programs are its own, so it has them to itself."""

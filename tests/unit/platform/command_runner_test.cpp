@@ -422,6 +422,24 @@ TEST_F(ShellExec, WhenForkFailsIsMinusOne) {
     EXPECT_EQ(shell_exec_raw("exit 0"), -1);
 }
 
+TEST_F(ShellExec, WhenForkFailsNoOtherChildIsWaitedFor) {
+    const pid_t other = fork();
+    if (other == 0) {
+        _exit(5);
+    }
+    failing_calls().fork = true;
+    EXPECT_EQ(shell_exec_raw("exit 0"), -1);
+    EXPECT_EQ(shell_exec("exit 0"), -1);
+    int status = 0;
+    EXPECT_EQ(waitpid(other, &status, 0), other);
+    EXPECT_EQ(WEXITSTATUS(status), 5);
+}
+
+TEST_F(ShellExec, MissingCommandIsToldByTheShellsName) {
+    EXPECT_EQ(captured_stderr([] { shell_exec("no-such-program"); }),
+              "sh: 1: no-such-program: not found\n");
+}
+
 TEST_F(ShellExec, WhenWaitingFailsIsMinusOne) {
     // Children of a process that ignores this signal leave nothing to wait for.
     const auto before = signal(SIGCHLD, SIG_IGN);
